@@ -1,0 +1,7 @@
+#include "Skeldrin/platform/Platform.h"
+
+namespace skeldrin::platform {
+
+QString thisMachine() { return QStringLiteral("this Mac"); }
+
+} // namespace skeldrin::platform

@@ -1,0 +1,68 @@
+#pragma once
+#include "TrackerCore/Session.h"
+
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace skeldrin {
+
+class SessionStoreError : public std::runtime_error {
+public:
+    enum class Kind { invalidSessionId, lockFailed };
+
+    static SessionStoreError invalidSessionId(const std::string& id);
+    static SessionStoreError lockFailed(int errorNumber);
+
+    Kind kind() const { return kind_; }
+    const std::string& sessionId() const { return sessionId_; } // invalidSessionId
+    int errorNumber() const { return errorNumber_; }            // lockFailed
+
+private:
+    SessionStoreError(Kind kind, const std::string& description, std::string sessionId, int errorNumber);
+    Kind kind_;
+    std::string sessionId_;
+    int errorNumber_ = 0;
+};
+
+// One JSON file per session in one directory, written under one exclusive lock for the directory.
+class SessionStore {
+public:
+    using Body = std::function<std::optional<Session>(const std::optional<Session>&)>;
+
+    struct Failure {
+        std::filesystem::path file;
+        std::string error;
+    };
+    struct LoadResult {
+        std::vector<Session> sessions;
+        std::vector<Failure> failures;
+    };
+
+    explicit SessionStore(std::filesystem::path directory);
+    // The sessions directory shared by the hook and the app.
+    static SessionStore defaultStore();
+
+    const std::filesystem::path& directory() const { return directory_; }
+
+    // Runs body on the current record (nothing when there is no file) under the store's lock and
+    // stores its result: written only when it differs, removed when body returns nothing.
+    void update(const std::string& id, const Body& body) const;
+    void remove(const std::string& id) const;
+    // Every session that could be read, and every file that could not. Takes no lock.
+    LoadResult loadAll() const;
+
+    static bool isValidSessionId(std::string_view id);
+    std::filesystem::path fileFor(const std::string& id) const; // throws invalidSessionId
+
+    bool operator==(const SessionStore&) const = default;
+
+private:
+    std::filesystem::path directory_;
+};
+
+} // namespace skeldrin
