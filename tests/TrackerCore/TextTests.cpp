@@ -1,1 +1,43 @@
+#include "TrackerCore/Text.h"
+
 #include <gtest/gtest.h>
+
+using namespace skeldrin::text;
+
+TEST(Text, TrimsUnicodeWhitespaceAndSplitsLines)
+{
+    EXPECT_EQ(trimmed("\u00a0\t hello world \n\u2003"), "hello world");
+    EXPECT_EQ(trimmed(" \n "), "");
+    EXPECT_EQ(nonEmptyLines("a\r\n\nb\u2028c\u0085"), (std::vector<std::string>{"a", "b", "c"}));
+    EXPECT_TRUE(nonEmptyLines("\n\n").empty());
+}
+
+TEST(Text, CountsUserPerceivedCharacters)
+{
+    EXPECT_EQ(characterCount("e\u0301"), 1u);                          // e + combining acute
+    EXPECT_EQ(characterCount("\U0001F469\u200D\U0001F4BB"), 1u);       // woman technologist
+    EXPECT_EQ(characterCount("\U0001F44D\U0001F3FD ok"), 4u);          // thumbs up + skin tone
+    EXPECT_EQ(characterPrefix("e\u0301e\u0301x", 2), "e\u0301e\u0301");
+    EXPECT_EQ(characterPrefix("ab", 5), "ab");
+}
+
+TEST(Text, ReplacesInvalidUtf8)
+{
+    EXPECT_EQ(sanitizeUtf8("a\xff" "b"), "a\uFFFD" "b");
+    EXPECT_EQ(sanitizeUtf8("\xe2\x82"), "\uFFFD");  // truncated sequence
+    EXPECT_EQ(sanitizeUtf8("\xed\xa0\x80"), "\uFFFD\uFFFD\uFFFD"); // surrogate
+    EXPECT_EQ(sanitizeUtf8("ok \u00e9"), "ok \u00e9");
+    EXPECT_EQ(decodeUtf8("\xf0\x9f\x98\x80"), U"\U0001F600");
+}
+
+TEST(Text, ClassifiesCharactersAndPaths)
+{
+    EXPECT_TRUE(isAlphanumeric(U'\u00e9'));
+    EXPECT_TRUE(isAlphanumeric(U'\u0663'));  // Arabic-Indic digit three
+    EXPECT_TRUE(isAlphanumeric(U'\u0301'));  // combining mark
+    EXPECT_FALSE(isAlphanumeric(U'/'));
+    EXPECT_FALSE(isAlphanumeric(U'\u00a0'));
+    EXPECT_EQ(lastPathComponent("/a/b/"), "b");
+    EXPECT_EQ(lastPathComponent("/"), "/");
+    EXPECT_EQ(lastPathComponent("main.c"), "main.c");
+}

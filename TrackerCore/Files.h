@@ -1,0 +1,20 @@
+#pragma once
+// Small POSIX file helpers shared by the core's readers and writers.
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace skeldrin::files {
+
+// The whole file, or nothing when it does not exist; other failures throw filesystem_error.
+std::optional<std::string> readWholeFile(const std::filesystem::path& file);
+
+// Writes data to temporary (created or truncated, with mode) and renames it over file. The caller
+// chooses a temporary in file's directory whose name cannot be mistaken for a real file.
+void replaceFile(const std::filesystem::path& file, const std::filesystem::path& temporary, std::string_view data,
+                 unsigned mode, bool sync);
+
+[[noreturn]] void throwFileError(const char* what, const std::filesystem::path& file, int errorNumber);
+
+} // namespace skeldrin::files
