@@ -1,0 +1,255 @@
+#include "TrackerCore/ProcessInspectorLinux.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace skeldrin::ProcessInspector;
+using namespace skeldrin::ProcessInspector::procfs;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string readText(const fs::path& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+void writeText(const fs::path& path, const std::string& text)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+// tty_nr as the kernel encodes a device number.
+std::int64_t ttyNr(std::uint32_t major, std::uint32_t minor)
+{
+    return (minor & 0xff) | (major << 8) | ((minor & ~0xffu) << 12);
+}
+
+} // namespace
+
+TEST(ProcessInspectorProcfs, StatFieldsFollowTheLastParenthesis)
+{
+    const std::string tail = " 34816 1234 4194304 98 0 0 0 0 0 0 0 20 0 1 0 73413 3133440 358 18446744073709551615 0\n";
+    EXPECT_EQ(parseStat("1234 (a) b (c) S 77 1234 1234" + tail), (Stat{77, 34816, 73413, "a) b (c"}));
+    EXPECT_EQ(parseStat("9 (sh) R 1 9 9" + tail)->shortName, "sh");
+    EXPECT_EQ(parseStat("9 () R 1 9 9" + tail)->shortName, "");
+    EXPECT_EQ(parseStat("9 (\xff\xfe" "ab) R 1 9 9" + tail)->shortName, "\uFFFD\uFFFDab");
+
+    EXPECT_EQ(parseStat(""), std::nullopt);
+    EXPECT_EQ(parseStat("9 (sh R 1 9 9" + tail), std::nullopt);
+    EXPECT_EQ(parseStat("9 (sh) R x 9 9" + tail), std::nullopt);
+    EXPECT_EQ(parseStat("9 (sh) R 1 9 9 34816 1234 4194304 98 0 0 0 0 0 0 0 20 0 1 0"), std::nullopt);
+
+    // The real file agrees with what the process knows about itself.
+    const auto self = parseStat(readText("/proc/self/stat"));
+    ASSERT_TRUE(self);
+    EXPECT_EQ(self->parentPid, ::getppid());
+    auto comm = readText("/proc/self/comm");
+    if (!comm.empty() && comm.back() == '\n') comm.pop_back();
+    EXPECT_EQ(self->shortName, comm);
+}
+
+TEST(ProcessInspectorProcfs, TerminalDeviceNames)
+{
+    EXPECT_EQ(ttyPath(ttyNr(136, 0)), "/dev/pts/0");
+    EXPECT_EQ(ttyPath(ttyNr(136, 7)), "/dev/pts/7");
+    EXPECT_EQ(ttyPath(ttyNr(136, 300)), "/dev/pts/300"); // minor above 255 uses the high bits
+    EXPECT_EQ(ttyPath(ttyNr(137, 5)), "/dev/pts/261");
+    EXPECT_EQ(ttyPath(ttyNr(143, 255)), "/dev/pts/2047");
+    EXPECT_EQ(ttyPath(ttyNr(4, 1)), "/dev/tty1");
+    EXPECT_EQ(ttyPath(ttyNr(4, 63)), "/dev/tty63");
+    EXPECT_EQ(ttyPath(ttyNr(4, 64)), "/dev/ttyS0");
+    EXPECT_EQ(ttyPath(ttyNr(4, 70)), "/dev/ttyS6");
+
+    EXPECT_EQ(ttyPath(0), std::nullopt);
+    EXPECT_EQ(ttyPath(ttyNr(5, 1)), std::nullopt);   // console: not named from the number alone
+    EXPECT_EQ(ttyPath(ttyNr(188, 0)), std::nullopt); // USB serial
+    EXPECT_EQ(ttyPath(ttyNr(135, 0)), std::nullopt);
+    EXPECT_EQ(ttyPath(ttyNr(144, 0)), std::nullopt);
+}
+
+TEST(ProcessInspectorProcfs, BootTimeLine)
+{
+    EXPECT_EQ(bootTime("cpu  1 2 3\nintr 5 6 7\nctxt 9\nbtime 1795391846\nprocesses 40\n"), 1795391846);
+    EXPECT_EQ(bootTime("btime 12"), 12);
+    EXPECT_EQ(bootTime("cpu 1\nprocesses 40\n"), std::nullopt);
+    EXPECT_EQ(bootTime("xbtime 12\n"), std::nullopt);
+    EXPECT_EQ(bootTime("btime twelve\n"), std::nullopt);
+    EXPECT_TRUE(bootTime(readText("/proc/stat")));
+}
+
+class BootAnchorTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        std::string pattern = (fs::temp_directory_path() / "skeldrin-anchor-XXXXXX").string();
+        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+        directory = pattern;
+        file = directory / "skeldrin-boot";
+    }
+    void TearDown() override
+    {
+        std::error_code ignored;
+        fs::remove_all(directory, ignored);
+    }
+
+    // A btime source that counts how often it was asked.
+    std::function<std::optional<std::int64_t>()> btime(std::int64_t value)
+    {
+        return [this, value]() -> std::optional<std::int64_t> {
+            ++asked;
+            return value;
+        };
+    }
+
+    fs::path directory;
+    fs::path file;
+    int asked = 0;
+};
+
+TEST_F(BootAnchorTest, FirstBtimeOfABootSurvivesClockSteps)
+{
+    EXPECT_EQ(bootAnchor(file, "boot-a", btime(1000)), 1000);
+    struct stat info {};
+    ASSERT_EQ(::lstat(file.c_str(), &info), 0);
+    EXPECT_TRUE(S_ISREG(info.st_mode));
+    EXPECT_EQ(info.st_mode & 022, 0u);
+
+    // The clock was stepped: btime moved, the anchor does not, and /proc/stat need not be read.
+    asked = 0;
+    EXPECT_EQ(bootAnchor(file, "boot-a", btime(1042)), 1000);
+    EXPECT_EQ(bootAnchor(file, "boot-a", btime(958)), 1000);
+    EXPECT_EQ(asked, 0);
+
+    // A new boot starts a new anchor.
+    EXPECT_EQ(bootAnchor(file, "boot-b", btime(5000)), 5000);
+    EXPECT_EQ(bootAnchor(file, "boot-b", btime(5007)), 5000);
+    EXPECT_EQ(bootAnchor(file, "boot-a", btime(1042)), 1042);
+
+    // No temporary files are left behind.
+    EXPECT_EQ(std::distance(fs::directory_iterator(directory), fs::directory_iterator()), 1);
+}
+
+TEST_F(BootAnchorTest, DamagedOwnFileIsReplaced)
+{
+    for (const std::string damaged : {"garbage", "", "boot-a\n", "boot-a 12x\n", "boot-a 1000", "boot-a  1000\n"}) {
+        writeText(file, damaged);
+        ::chmod(file.c_str(), 0600);
+        EXPECT_EQ(bootAnchor(file, "boot-a", btime(2000)), 2000) << damaged;
+        EXPECT_EQ(bootAnchor(file, "boot-a", btime(3000)), 2000) << damaged;
+    }
+    EXPECT_EQ(bootAnchor(file, "", btime(4000)), 4000);
+    EXPECT_EQ(bootAnchor(file, "boot a", btime(4000)), 4000);
+    EXPECT_EQ(bootAnchor(directory / "missing" / "anchor", "boot-a", btime(4000)), 4000);
+    EXPECT_EQ(bootAnchor(directory / "absent", "boot-a", [] { return std::optional<std::int64_t>(); }),
+              std::nullopt);
+}
+
+// The file may sit in /tmp, where anyone can put something at its name first.
+TEST_F(BootAnchorTest, UntrustedFilesAreNeitherBelievedNorTouched)
+{
+    const fs::path planted = directory / "planted";
+    writeText(planted, "boot-a 1000\n");
+    ::chmod(planted.c_str(), 0600);
+    ASSERT_EQ(bootAnchor(planted, "boot-a", btime(9)), 1000) << "a file of our own is believed";
+
+    fs::create_symlink(planted, file);
+    EXPECT_EQ(bootAnchor(file, "boot-a", btime(2000)), 2000);
+    EXPECT_TRUE(fs::is_symlink(fs::symlink_status(file)));
+    EXPECT_EQ(readText(planted), "boot-a 1000\n");
+    fs::remove(file);
+
+    writeText(file, "boot-a 1000\n");
+    for (const auto mode : {0620, 0602, 0666}) {
+        ::chmod(file.c_str(), static_cast<mode_t>(mode));
+        EXPECT_EQ(bootAnchor(file, "boot-a", btime(2000)), 2000) << std::oct << mode;
+        EXPECT_EQ(bootAnchor(file, "boot-b", btime(2000)), 2000) << std::oct << mode;
+        EXPECT_EQ(readText(file), "boot-a 1000\n");
+    }
+    fs::remove(file);
+
+    ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
+    EXPECT_EQ(bootAnchor(file, "boot-a", btime(2000)), 2000);
+    EXPECT_TRUE(fs::is_fifo(fs::symlink_status(file)));
+    fs::remove(file);
+
+    fs::create_directory(file);
+    EXPECT_EQ(bootAnchor(file, "boot-a", btime(2000)), 2000);
+    fs::remove(file);
+
+    if (::geteuid() == 0) { // only root can make a file that belongs to someone else
+        writeText(file, "boot-a 1000\n");
+        ::chmod(file.c_str(), 0600);
+        ASSERT_EQ(::chown(file.c_str(), 65534, 65534), 0);
+        EXPECT_EQ(bootAnchor(file, "boot-a", btime(2000)), 2000);
+        EXPECT_EQ(bootAnchor(file, "boot-b", btime(2000)), 2000);
+        EXPECT_EQ(readText(file), "boot-a 1000\n");
+    }
+}
+
+TEST_F(BootAnchorTest, ConcurrentFirstReadersAgree)
+{
+    constexpr int kReaders = 8;
+    int go[2], results[2];
+    ASSERT_EQ(::pipe(go), 0);
+    ASSERT_EQ(::pipe(results), 0);
+    std::vector<pid_t> readers;
+    for (int i = 0; i < kReaders; ++i) {
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            ::close(go[1]);
+            char byte;
+            while (::read(go[0], &byte, 1) > 0) {
+            }
+            const auto anchor = bootAnchor(file, "boot-a", [i] { return std::optional<std::int64_t>(1000 + i); });
+            const std::int64_t value = anchor.value_or(-1);
+            const bool sent = ::write(results[1], &value, sizeof value) == sizeof value;
+            ::_exit(sent ? 0 : 1);
+        }
+        ASSERT_GT(pid, 0);
+        readers.push_back(pid);
+    }
+    ::close(go[0]);
+    ::close(go[1]); // all readers start now
+    ::close(results[1]);
+
+    std::vector<std::int64_t> seen;
+    std::int64_t value;
+    while (::read(results[0], &value, sizeof value) == sizeof value) seen.push_back(value);
+    ::close(results[0]);
+    for (const pid_t pid : readers) ::waitpid(pid, nullptr, 0);
+
+    ASSERT_EQ(seen.size(), static_cast<std::size_t>(kReaders));
+    const auto settled = bootAnchor(file, "boot-a", btime(9999));
+    ASSERT_TRUE(settled);
+    EXPECT_GE(*settled, 1000);
+    EXPECT_LT(*settled, 1000 + kReaders);
+    for (const auto anchor : seen) EXPECT_EQ(anchor, *settled);
+}
+
+// The real lookup shares its anchor through the per-user file.
+TEST(ProcessInspectorProcfs, LookupAnchorsStartTimesInTheSharedFile)
+{
+    ASSERT_TRUE(ref(::getpid()));
+    auto bootId = readText("/proc/sys/kernel/random/boot_id");
+    if (!bootId.empty() && bootId.back() == '\n') bootId.pop_back();
+    const auto stored = readText(anchorFilePath());
+    EXPECT_EQ(stored.substr(0, bootId.size() + 1), bootId + " ") << anchorFilePath();
+
+    EXPECT_EQ(lookup(0), std::nullopt);
+    EXPECT_EQ(lookup(-1), std::nullopt);
+}
