@@ -1,5 +1,6 @@
 #pragma once
 // Small POSIX file helpers shared by the core's readers and writers.
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -14,6 +15,14 @@ std::optional<std::string> readWholeFile(const std::filesystem::path& file);
 // chooses a temporary in file's directory whose name cannot be mistaken for a real file.
 void replaceFile(const std::filesystem::path& file, const std::filesystem::path& temporary, std::string_view data,
                  unsigned mode, bool sync);
+
+// What identifies one version of a file without reading it. Times are in nanoseconds since 1970.
+struct FileStamp {
+    std::int64_t inode = 0, size = 0, modified = 0, changed = 0;
+    bool operator==(const FileStamp&) const = default;
+};
+// Nothing when the file does not exist; other failures throw filesystem_error. (Per platform.)
+std::optional<FileStamp> stamp(const std::filesystem::path& file);
 
 [[noreturn]] void throwFileError(const char* what, const std::filesystem::path& file, int errorNumber);
 

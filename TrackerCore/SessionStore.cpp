@@ -125,19 +125,60 @@ void SessionStore::remove(const std::string& id) const
 
 SessionStore::LoadResult SessionStore::loadAll() const
 {
+    LoadCache uncached;
+    return loadAll(uncached, Date{});
+}
+
+SessionStore::LoadResult SessionStore::loadAll(LoadCache& cache, Date now) const
+{
+    using namespace std::chrono;
+    // File times come from a coarse kernel clock; a file modified within this margin of its read may
+    // change again without any visible change of its times.
+    constexpr auto kSettleMargin = seconds{1};
+    const std::int64_t settledBefore = duration_cast<nanoseconds>((now - kSettleMargin).time_since_epoch()).count();
+
     createDirectory(directory_);
     LoadResult result;
+    std::map<std::filesystem::path, LoadCache::Entry> seen;
     for (const auto& entry : std::filesystem::directory_iterator(directory_)) {
         const auto& file = entry.path();
         if (file.extension() != ".json") continue;
+        std::optional<files::FileStamp> fileStamp;
         try {
-            const auto bytes = files::readWholeFile(file);
-            if (!bytes) continue; // removed since the listing
-            result.sessions.push_back(decodeSession(*bytes));
+            fileStamp = files::stamp(file);
         } catch (const std::exception& e) {
             result.failures.push_back({file, e.what()});
+            continue;
         }
+        if (!fileStamp) continue; // removed since the listing
+        LoadCache::Entry stamp;
+        stamp.inode = fileStamp->inode;
+        stamp.size = fileStamp->size;
+        stamp.modified = fileStamp->modified;
+        stamp.changed = fileStamp->changed;
+
+        const auto cached = cache.entries.find(file);
+        if (cached != cache.entries.end() && cached->second.settled && cached->second.inode == stamp.inode &&
+            cached->second.size == stamp.size && cached->second.modified == stamp.modified &&
+            cached->second.changed == stamp.changed) {
+            stamp = cached->second;
+        } else {
+            try {
+                const auto bytes = files::readWholeFile(file);
+                if (!bytes) continue;
+                stamp.session = decodeSession(*bytes);
+            } catch (const std::exception& e) {
+                stamp.error = e.what();
+            }
+            stamp.settled = std::max(stamp.modified, stamp.changed) < settledBefore;
+        }
+        if (stamp.session)
+            result.sessions.push_back(*stamp.session);
+        else
+            result.failures.push_back({file, stamp.error});
+        seen.emplace(file, std::move(stamp));
     }
+    cache.entries = std::move(seen);
     return result;
 }
 

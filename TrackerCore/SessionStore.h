@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -42,6 +43,20 @@ public:
         std::vector<Session> sessions;
         std::vector<Failure> failures;
     };
+    // What the last load found in each file, so that a reader polling the directory parses only the
+    // files that changed. A file is recognised as unchanged by its inode, size, and change and
+    // modification times; since file times are coarse, a file written shortly before it was read is
+    // read again next time.
+    struct LoadCache {
+        struct Entry {
+            std::int64_t inode = 0, size = 0, modified = 0, changed = 0; // times in ns since 1970
+            bool settled = false;
+            bool operator==(const Entry&) const = default;
+            std::optional<Session> session;
+            std::string error;
+        };
+        std::map<std::filesystem::path, Entry> entries;
+    };
 
     explicit SessionStore(std::filesystem::path directory);
     // The sessions directory shared by the hook and the app.
@@ -55,6 +70,8 @@ public:
     void remove(const std::string& id) const;
     // Every session that could be read, and every file that could not. Takes no lock.
     LoadResult loadAll() const;
+    // The same, reusing what cache holds for files that did not change since; now is the current time.
+    LoadResult loadAll(LoadCache& cache, Date now) const;
 
     static bool isValidSessionId(std::string_view id);
     std::filesystem::path fileFor(const std::string& id) const; // throws invalidSessionId

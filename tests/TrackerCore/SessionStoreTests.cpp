@@ -15,6 +15,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
+Date SystemClockNow()
+{
+    return std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
+}
+
 Date at(int s) { return Date{std::chrono::sys_days{std::chrono::year{2026} / 3 / 14}} + std::chrono::seconds{s}; }
 
 class SessionStoreTest : public ::testing::Test {
@@ -235,4 +240,36 @@ TEST_F(SessionStoreTest, LockFailureIsReported)
         EXPECT_EQ(e.errorNumber(), EISDIR);
         EXPECT_EQ(std::string(e.what()), std::string("could not lock session store: ") + std::strerror(EISDIR));
     }
+}
+
+TEST_F(SessionStoreTest, CachedLoadsFollowEveryChange)
+{
+    const SessionStore store(dir);
+    SessionStore::LoadCache cache;
+    const auto sortedIds = [](const SessionStore::LoadResult& r) {
+        std::vector<std::string> ids;
+        for (const auto& s : r.sessions) ids.push_back(s.id + "/" + s.title.value_or(""));
+        for (const auto& f : r.failures) ids.push_back("!" + f.file.filename().string());
+        std::sort(ids.begin(), ids.end());
+        return ids;
+    };
+    const auto retitle = [&](const std::string& id, const std::string& title) {
+        store.update(id, [&](const std::optional<Session>& current) {
+            Session next = current ? *current : *make(id);
+            next.title = title;
+            return std::optional(next);
+        });
+    };
+    // "Now" far ahead makes every file count as settled, the case where the cache is trusted.
+    const Date later = SystemClockNow() + std::chrono::hours(1);
+    retitle("a", "one");
+    retitle("b", "one");
+    EXPECT_EQ(sortedIds(store.loadAll(cache, later)), sortedIds(store.loadAll()));
+    retitle("a", "two");
+    write("c.json", "garbage");
+    EXPECT_EQ(sortedIds(store.loadAll(cache, later)), (std::vector<std::string>{"!c.json", "a/two", "b/one"}));
+    store.remove("b");
+    write("c.json", encodeSession(*make("c")));
+    EXPECT_EQ(sortedIds(store.loadAll(cache, later)), (std::vector<std::string>{"a/two", "c/"}));
+    EXPECT_EQ(cache.entries.size(), 2u);
 }

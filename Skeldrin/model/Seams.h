@@ -1,0 +1,53 @@
+#pragma once
+// What the live model asks of the world, behind small interfaces so tests can stand in for the clock,
+// the process table, the jump to a session and the alerts.
+#include "TrackerCore/Date.h"
+#include "TrackerCore/Origin.h"
+#include "TrackerCore/Session.h"
+
+#include <QString>
+#include <optional>
+#include <string>
+
+namespace skeldrin {
+
+class Clock {
+public:
+    virtual ~Clock() = default;
+    virtual Date now() const = 0;
+};
+
+class SystemClock final : public Clock {
+public:
+    Date now() const override;
+};
+
+class ProcessTable {
+public:
+    virtual ~ProcessTable() = default;
+    virtual bool isAlive(const ProcessRef& process) const = 0;
+    virtual std::optional<std::string> executablePath(std::int32_t pid) const = 0;
+};
+
+class SystemProcessTable final : public ProcessTable {
+public:
+    bool isAlive(const ProcessRef& process) const override;
+    std::optional<std::string> executablePath(std::int32_t pid) const override;
+};
+
+// Brings forward the place where a session runs; throws (an error whose what() is for the user) when
+// it cannot.
+class Jumper {
+public:
+    virtual ~Jumper() = default;
+    virtual void jump(const Session& session) = 0;
+};
+
+// Failures of what the user asked for: a modal alert in the app, a line on stderr on the command line.
+class Alerts {
+public:
+    virtual ~Alerts() = default;
+    virtual void showError(const QString& title, const QString& text) = 0;
+};
+
+} // namespace skeldrin
