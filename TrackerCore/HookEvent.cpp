@@ -1,5 +1,7 @@
 #include "TrackerCore/HookEvent.h"
 
+#include "TrackerCore/JsonScan.h"
+
 namespace skeldrin {
 namespace {
 
@@ -44,24 +46,13 @@ HookEvent HookEvent::fromJson(const Json& json)
 
 HookEvent HookEvent::decode(std::string_view payload)
 {
-    // Tool results can make a payload many megabytes; only the top-level keys above and three keys of
-    // "tool_input" are used, so everything else is dropped while parsing instead of being kept as a tree.
-    static constexpr std::string_view kept[] = {
+    // Tool results can make a payload many megabytes; it is checked in full, but only the members
+    // read here are built as JSON values.
+    static const std::vector<std::string_view> kept = {
         "hook_event_name", "session_id", "cwd", "transcript_path", "source", "prompt", "session_title",
         "tool_name", "tool_use_id", "tool_input", "notification_type", "message", "is_interrupt", "reason"};
-    const auto filter = [](int depth, Json::parse_event_t event, Json& parsed) {
-        if (event != Json::parse_event_t::key || depth != 1) return true;
-        const auto& key = parsed.get_ref<const std::string&>();
-        for (const std::string_view k : kept)
-            if (k == key) return true;
-        return false;
-    };
-    Json json;
-    try {
-        json = Json::parse(payload, filter);
-    } catch (const Json::parse_error& e) {
-        throw DecodingError(std::string("not valid JSON: ") + e.what());
-    }
+    Json json = Json::object();
+    for (const auto& [key, raw] : json_scan::members(payload, kept)) json[key] = Json::parse(raw);
     return fromJson(json);
 }
 

@@ -103,7 +103,14 @@ void SessionStore::update(const std::string& id, const Body& body) const
     const DirectoryLock lock(directory_);
 
     std::optional<Session> current;
-    if (auto bytes = files::readWholeFile(file)) current = decodeSession(*bytes);
+    if (auto bytes = files::readWholeFile(file)) {
+        try {
+            current = decodeSession(*bytes);
+        } catch (const DecodingError& e) {
+            // Left as it is, for the user to see; the error says where it is.
+            throw DecodingError(file.string() + " is not a session record: " + e.what());
+        }
+    }
 
     const std::optional<Session> next = body(current);
     if (next) {

@@ -40,23 +40,21 @@ void writeError(std::string_view text)
 }
 
 // Reads standard input to its end: Claude Code writes the whole payload, which can exceed 10 MB, and
-// must never block on a full pipe.
+// must never block on a full pipe. Most events are a few KB, so the buffer starts small and is never
+// zero-filled ahead of the data.
 bool readAll(int fd, std::string& data)
 {
-    data.resize(64 * 1024);
-    std::size_t filled = 0;
+    char chunk[16 * 1024];
     for (;;) {
-        if (filled == data.size()) data.resize(data.size() * 2);
-        const ssize_t n = ::read(fd, data.data() + filled, data.size() - filled);
+        const ssize_t n = ::read(fd, chunk, sizeof chunk);
         if (n < 0) {
             if (errno == EINTR) continue;
             return false;
         }
-        if (n == 0) break;
-        filled += static_cast<std::size_t>(n);
+        if (n == 0) return true;
+        if (data.capacity() - data.size() < static_cast<std::size_t>(n)) data.reserve(data.capacity() * 4 + sizeof chunk);
+        data.append(chunk, static_cast<std::size_t>(n));
     }
-    data.resize(filled);
-    return true;
 }
 
 Environment currentEnvironment()

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <fstream>
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
@@ -38,7 +39,7 @@ public:
     pid_t start(int stdinFd = -1)
     {
         int in[2], out[2], err[2];
-        if (pipe(in) || pipe(out) || pipe(err)) throw std::runtime_error("pipe");
+        if (pipe2(in, O_CLOEXEC) || pipe2(out, O_CLOEXEC) || pipe2(err, O_CLOEXEC)) throw std::runtime_error("pipe");
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, stdinFd >= 0 ? stdinFd : in[0], 0);
