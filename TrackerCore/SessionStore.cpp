@@ -147,6 +147,7 @@ SessionStore::LoadResult SessionStore::loadAll(LoadCache& cache, Date now) const
     createDirectory(directory_);
     LoadResult result;
     std::map<std::filesystem::path, LoadCache::Entry> seen;
+    bool unchanged = cache.loaded;
     for (const auto& entry : std::filesystem::directory_iterator(directory_)) {
         const auto& file = entry.path();
         if (file.extension() != ".json") continue;
@@ -154,7 +155,9 @@ SessionStore::LoadResult SessionStore::loadAll(LoadCache& cache, Date now) const
         try {
             fileStamp = files::stamp(file);
         } catch (const std::exception& e) {
+            // Not cached: the next load tries again.
             result.failures.push_back({file, e.what()});
+            unchanged = false;
             continue;
         }
         if (!fileStamp) continue; // removed since the listing
@@ -168,24 +171,33 @@ SessionStore::LoadResult SessionStore::loadAll(LoadCache& cache, Date now) const
         if (cached != cache.entries.end() && cached->second.settled && cached->second.inode == stamp.inode &&
             cached->second.size == stamp.size && cached->second.modified == stamp.modified &&
             cached->second.changed == stamp.changed) {
-            stamp = cached->second;
-        } else {
-            try {
-                const auto bytes = files::readWholeFile(file);
-                if (!bytes) continue;
-                stamp.session = decodeSession(*bytes);
-            } catch (const std::exception& e) {
-                stamp.error = e.what();
-            }
-            stamp.settled = std::max(stamp.modified, stamp.changed) < settledBefore;
+            seen.emplace(file, std::move(cached->second));
+            continue;
         }
-        if (stamp.session)
-            result.sessions.push_back(*stamp.session);
-        else
-            result.failures.push_back({file, stamp.error});
+        unchanged = false;
+        try {
+            const auto bytes = files::readWholeFile(file);
+            if (!bytes) continue;
+            stamp.session = decodeSession(*bytes);
+        } catch (const std::exception& e) {
+            stamp.error = e.what();
+        }
+        stamp.settled = std::max(stamp.modified, stamp.changed) < settledBefore;
         seen.emplace(file, std::move(stamp));
     }
+    unchanged = unchanged && seen.size() == cache.entries.size();
     cache.entries = std::move(seen);
+    cache.loaded = true;
+    if (unchanged) {
+        result.unchanged = true;
+        return result;
+    }
+    for (const auto& [file, entry] : cache.entries) {
+        if (entry.session)
+            result.sessions.push_back(*entry.session);
+        else
+            result.failures.push_back({file, entry.error});
+    }
     return result;
 }
 

@@ -42,6 +42,9 @@ public:
     struct LoadResult {
         std::vector<Session> sessions;
         std::vector<Failure> failures;
+        // Set by a cached load that found every file as the previous load with that cache left it; the
+        // lists are then left empty, as the caller already has them.
+        bool unchanged = false;
     };
     // What the last load found in each file, so that a reader polling the directory parses only the
     // files that changed. A file is recognised as unchanged by its inode, size, and change and
@@ -56,6 +59,7 @@ public:
             std::string error;
         };
         std::map<std::filesystem::path, Entry> entries;
+        bool loaded = false;
     };
 
     explicit SessionStore(std::filesystem::path directory);

@@ -6,6 +6,7 @@
 #include "TrackerCore/Session.h"
 
 #include <QString>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -29,11 +30,8 @@ public:
     virtual std::optional<std::string> executablePath(std::int32_t pid) const = 0;
 };
 
-class SystemProcessTable final : public ProcessTable {
-public:
-    bool isAlive(const ProcessRef& process) const override;
-    std::optional<std::string> executablePath(std::int32_t pid) const override;
-};
+// The operating system's process table, made per platform (platform/linux, platform/mac).
+std::unique_ptr<ProcessTable> makeSystemProcessTable();
 
 // Brings forward the place where a session runs; throws (an error whose what() is for the user) when
 // it cannot.

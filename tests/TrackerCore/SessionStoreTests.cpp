@@ -265,6 +265,9 @@ TEST_F(SessionStoreTest, CachedLoadsFollowEveryChange)
     retitle("a", "one");
     retitle("b", "one");
     EXPECT_EQ(sortedIds(store.loadAll(cache, later)), sortedIds(store.loadAll()));
+    const auto again = store.loadAll(cache, later);
+    EXPECT_TRUE(again.unchanged);
+    EXPECT_TRUE(again.sessions.empty());
     retitle("a", "two");
     write("c.json", "garbage");
     EXPECT_EQ(sortedIds(store.loadAll(cache, later)), (std::vector<std::string>{"!c.json", "a/two", "b/one"}));
@@ -272,4 +275,11 @@ TEST_F(SessionStoreTest, CachedLoadsFollowEveryChange)
     write("c.json", encodeSession(*make("c")));
     EXPECT_EQ(sortedIds(store.loadAll(cache, later)), (std::vector<std::string>{"a/two", "c/"}));
     EXPECT_EQ(cache.entries.size(), 2u);
+    store.remove("c");
+    EXPECT_EQ(sortedIds(store.loadAll(cache, later)), (std::vector<std::string>{"a/two"}));
+
+    // A file written just before it was read is read again, even though its stamp did not change.
+    SessionStore::LoadCache fresh;
+    EXPECT_FALSE(store.loadAll(fresh, SystemClockNow()).unchanged);
+    EXPECT_FALSE(store.loadAll(fresh, SystemClockNow()).unchanged);
 }
