@@ -34,7 +34,8 @@ struct TranscriptTail {
     // Never fails: lines that do not decode are skipped.
     static TranscriptTail parse(std::string_view bytes);
     // Tasks started and not yet seen to end, oldest first. Lines in file order, no empty lines.
-    static std::vector<BackgroundTask> runningBackgroundTasks(const std::vector<std::string_view>& lines);
+    // (Named apart from the field above, which holds its result.)
+    static std::vector<BackgroundTask> runningBackgroundTasksIn(const std::vector<std::string_view>& lines);
 };
 
 } // namespace skeldrin
