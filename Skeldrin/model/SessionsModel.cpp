@@ -1,5 +1,6 @@
 #include "Skeldrin/model/SessionsModel.h"
 
+#include "TrackerCore/Files.h"
 #include "TrackerCore/Reducer.h"
 #include "TrackerCore/Text.h"
 
@@ -31,6 +32,11 @@ std::size_t wordCount(const std::string& utf8)
 }
 
 } // namespace
+
+SessionsModel::SessionsModel(SessionStore store, QObject* parent)
+    : SessionsModel(std::move(store), Dependencies{}, parent)
+{
+}
 
 SessionsModel::SessionsModel(SessionStore store, Dependencies dependencies, QObject* parent)
     : QObject(parent)
@@ -150,12 +156,17 @@ void SessionsModel::readTranscripts()
     for (const Session& session : stored_) {
         if (!session.transcriptPath) continue;
         const std::filesystem::path path = *session.transcriptPath;
-        std::error_code error;
-        const auto modified = std::filesystem::last_write_time(path, error);
-        if (error) continue;
+        std::optional<files::FileStamp> stamp;
+        try {
+            stamp = files::stamp(path);
+        } catch (const std::exception&) {
+            // Attributes that cannot be read: as with a missing file, the session keeps what it had.
+        }
+        if (!stamp) continue;
+        const std::int64_t modified = stamp->modified;
         const auto known = transcriptModified_.find(session.id);
         if (known != transcriptModified_.end() && known->second == modified) continue;
-        const auto modifiedAt = std::chrono::clock_cast<std::chrono::system_clock>(modified);
+        const Date modifiedAt{std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::nanoseconds(modified))};
         if (modifiedAt < current - kSettleMargin)
             transcriptModified_[session.id] = modified;
         else

@@ -49,7 +49,8 @@ public:
 
     static constexpr std::int64_t transcriptBudget = 524288;
 
-    explicit SessionsModel(SessionStore store, Dependencies dependencies = {}, QObject* parent = nullptr);
+    explicit SessionsModel(SessionStore store, QObject* parent = nullptr);
+    SessionsModel(SessionStore store, Dependencies dependencies, QObject* parent = nullptr);
     ~SessionsModel() override;
 
     void start();
@@ -130,7 +131,7 @@ private:
     std::optional<QString> headlineError_;
     std::set<std::string> headlinesInFlight_;
     std::map<std::string, std::string> headlineFailures_;
-    std::map<std::string, std::filesystem::file_time_type> transcriptModified_;
+    std::map<std::string, std::int64_t> transcriptModified_; // modification times, ns since 1970
     SessionStore::LoadCache loadCache_;
     std::set<std::string> reportedFailures_;
     bool loadedOnce_ = false;
