@@ -33,13 +33,20 @@ private:
     std::filesystem::path file_;
 };
 
+// Thrown by installing when "hooks", or an event's value in it, is not of the shape Claude Code reads:
+// replacing it would lose what the user put there.
+class UnexpectedShapeError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
 // ~/.claude/settings.json
 std::filesystem::path settingsURL();
 // The executable's path in single quotes, inner single quotes written as '\''.
 std::string command(const std::filesystem::path& hookExecutable);
 
 State state(const Json& settings, const std::string& command);
-Json installing(const std::string& command, Json settings);
+Json installing(const std::string& command, Json settings); // throws UnexpectedShapeError
 Json removing(Json settings);
 
 // An empty object when there is no file. Throws on read or parse failure, CorruptFileError when the

@@ -1,1 +1,128 @@
+#include "TrackerCore/JumpTarget.h"
+
 #include <gtest/gtest.h>
+
+using skeldrin::JumpTarget;
+using skeldrin::Origin;
+using skeldrin::Session;
+
+namespace {
+
+const char* const cursor = "com.todesktop.230313mzl4w4u92";
+
+Session sessionWith(Origin origin, std::string id = "0f5c2b9e-51d4-4c1e-9a43-2d7a8c1e6b30")
+{
+    Session session;
+    session.id = std::move(id);
+    session.cwd = "/Users/ada/src/engine/tools";
+    session.origin = std::move(origin);
+    return session;
+}
+
+Origin extension(std::optional<std::string> bundleId,
+                 std::optional<std::string> projectDir = "/Users/ada/src/engine")
+{
+    Origin origin;
+    origin.entrypoint = "claude-vscode";
+    origin.bundleId = std::move(bundleId);
+    origin.projectDir = std::move(projectDir);
+    return origin;
+}
+
+Origin terminal(std::optional<std::string> termProgram, std::optional<std::string> tty,
+                std::optional<std::string> bundleId = std::nullopt)
+{
+    Origin origin;
+    origin.entrypoint = "cli";
+    origin.termProgram = std::move(termProgram);
+    origin.tty = std::move(tty);
+    origin.bundleId = std::move(bundleId);
+    origin.projectDir = "/Users/ada/src/engine";
+    return origin;
+}
+
+} // namespace
+
+TEST(JumpTarget, ExtensionSessionsOpenTheEditorsDeepLink)
+{
+    EXPECT_EQ(JumpTarget::resolve(sessionWith(extension(cursor))),
+              JumpTarget::editorSession(cursor, "/Users/ada/src/engine",
+                                        "cursor://anthropic.claude-code/open?session="
+                                        "0f5c2b9e-51d4-4c1e-9a43-2d7a8c1e6b30"));
+    EXPECT_EQ(JumpTarget::resolve(sessionWith(extension("com.microsoft.VSCodeInsiders")))->url,
+              "vscode-insiders://anthropic.claude-code/open?session=0f5c2b9e-51d4-4c1e-9a43-2d7a8c1e6b30");
+
+    // Unknown or absent editors are taken for VS Code; without a project directory the folder is the cwd.
+    for (const auto& bundleId :
+         {std::optional<std::string>("com.example.zed"), std::optional<std::string>()}) {
+        EXPECT_EQ(JumpTarget::resolve(sessionWith(extension(bundleId, std::nullopt), "s1")),
+                  JumpTarget::editorSession("com.microsoft.VSCode", "/Users/ada/src/engine/tools",
+                                            "vscode://anthropic.claude-code/open?session=s1"));
+    }
+
+    // The extension decides even inside a terminal the app knows.
+    Origin inTerminal = extension(cursor);
+    inTerminal.termProgram = "Apple_Terminal";
+    inTerminal.tty = "/dev/ttys004";
+    EXPECT_EQ(JumpTarget::resolve(sessionWith(inTerminal))->kind, JumpTarget::Kind::editorSession);
+}
+
+TEST(JumpTarget, AnIdThatIsNotURLTextOpensOnlyTheWindow)
+{
+    for (const char* id : {"has space", "quote\"d", "<tag>", "caf\xc3\xa9", "bad%2escape%", "bad%zz",
+                           "two#hash#es", "[bracket]", "back\\slash", "tab\there", "pipe|d"}) {
+        EXPECT_EQ(JumpTarget::resolve(sessionWith(extension(cursor), id)),
+                  JumpTarget::editorWindow(cursor, "/Users/ada/src/engine"))
+            << id;
+    }
+    for (const char* id : {"%41%2F", "a~b_c.d-e", "x?y=z&w", "!$&'()*+,;=:@/", "one#fragment"}) {
+        EXPECT_EQ(JumpTarget::resolve(sessionWith(extension(cursor), id))->kind,
+                  JumpTarget::Kind::editorSession)
+            << id;
+    }
+}
+
+TEST(JumpTarget, DesktopSessionsContinueInTheDesktopApp)
+{
+    Origin desktop;
+    desktop.entrypoint = "claude-desktop";
+    desktop.hostSessionId = "local_8d3f0a";
+    EXPECT_EQ(JumpTarget::resolve(sessionWith(desktop)),
+              JumpTarget::claudeDesktop("claude://code/continue?session=local_8d3f0a"));
+
+    desktop.hostSessionId = "not a url";
+    EXPECT_EQ(JumpTarget::resolve(sessionWith(desktop)),
+              JumpTarget::activateApp("com.anthropic.claudefordesktop"));
+    desktop.hostSessionId.reset();
+    EXPECT_EQ(JumpTarget::resolve(sessionWith(desktop)),
+              JumpTarget::activateApp("com.anthropic.claudefordesktop"));
+    desktop.bundleId = "com.anthropic.claudefordesktop.beta";
+    EXPECT_EQ(JumpTarget::resolve(sessionWith(desktop)),
+              JumpTarget::activateApp("com.anthropic.claudefordesktop.beta"));
+}
+
+TEST(JumpTarget, TerminalsAreFoundByTheirTty)
+{
+    EXPECT_EQ(
+        JumpTarget::resolve(sessionWith(terminal("Apple_Terminal", "/dev/ttys004", "com.apple.Terminal"))),
+        JumpTarget::terminalTab("/dev/ttys004"));
+    EXPECT_EQ(JumpTarget::resolve(sessionWith(terminal("iTerm.app", "/dev/ttys009"))),
+              JumpTarget::itermSession("/dev/ttys009"));
+
+    // Without a tty, or in a terminal the app can't address, only the app can be brought forward.
+    EXPECT_EQ(JumpTarget::resolve(sessionWith(terminal("Apple_Terminal", std::nullopt))), std::nullopt);
+    EXPECT_EQ(JumpTarget::resolve(sessionWith(terminal("iTerm.app", std::nullopt, "com.googlecode.iterm2"))),
+              JumpTarget::activateApp("com.googlecode.iterm2"));
+    EXPECT_EQ(JumpTarget::resolve(sessionWith(terminal("WezTerm", "/dev/pts/3", "com.github.wez.wezterm"))),
+              JumpTarget::activateApp("com.github.wez.wezterm"));
+    EXPECT_EQ(JumpTarget::resolve(sessionWith(terminal("apple_terminal", "/dev/ttys004"))), std::nullopt);
+    EXPECT_EQ(JumpTarget::resolve(sessionWith(Origin())), std::nullopt);
+}
+
+TEST(JumpTarget, AnEditorsIntegratedTerminalOpensTheEditorWindow)
+{
+    EXPECT_EQ(JumpTarget::resolve(sessionWith(terminal("vscode", "/dev/ttys011", cursor))),
+              JumpTarget::editorWindow(cursor, "/Users/ada/src/engine"));
+    EXPECT_EQ(JumpTarget::resolve(sessionWith(terminal("vscode", std::nullopt, "com.example.unknown"))),
+              JumpTarget::editorWindow("com.microsoft.VSCode", "/Users/ada/src/engine"));
+}
