@@ -1,1 +1,273 @@
+#include "TrackerCore/Json.h"
+#include "TrackerCore/TranscriptTail.h"
+
 #include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <unistd.h>
+
+using namespace skeldrin;
+using namespace std::string_literals;
+
+namespace {
+
+std::string fixture(const std::string& name)
+{
+    std::ifstream in(std::string(SKELDRIN_FIXTURES) + "/transcripts/" + name, std::ios::binary);
+    std::stringstream data;
+    data << in.rdbuf();
+    if (data.str().empty()) throw std::runtime_error("missing fixture " + name);
+    return data.str();
+}
+
+Date at(const char* iso) { return parseIso8601(iso).value(); }
+
+std::string userLine(const char* timestamp, const Json& content)
+{
+    Json line{{"type", "user"}, {"message", {{"role", "user"}, {"content", content}}}};
+    if (timestamp) line["timestamp"] = timestamp;
+    return line.dump() + "\n";
+}
+
+std::string assistantLine(const char* text)
+{
+    return Json{{"type", "assistant"},
+                {"timestamp", "2026-03-14T10:00:00.000Z"},
+                {"message", {{"role", "assistant"}, {"content", Json::array({{{"type", "text"}, {"text", text}}})}}}}
+               .dump() +
+           "\n";
+}
+
+std::string titleLine(const char* type, const char* key, const char* title)
+{
+    Json line{{"type", type}};
+    if (title) line[key] = title;
+    return line.dump() + "\n";
+}
+std::string customTitle(const char* title) { return titleLine("custom-title", "customTitle", title); }
+std::string aiTitle(const char* title) { return titleLine("ai-title", "aiTitle", title); }
+
+const char* const kStamp = "2026-03-14T10:02:31.118Z";
+
+} // namespace
+
+TEST(TranscriptTitle, NewestCustomTitleWinsOverEveryAiTitle)
+{
+    const auto tail = TranscriptTail::parse(fixture("titled-session.jsonl"));
+    EXPECT_EQ(tail.title, "Ledger CSV importer");
+    EXPECT_EQ(tail.interruptedAt, std::nullopt);
+    EXPECT_TRUE(tail.runningBackgroundTasks.empty());
+
+    EXPECT_EQ(TranscriptTail::parse(aiTitle("Older") + aiTitle("Newest") + assistantLine("hi")).title, "Newest");
+    EXPECT_EQ(TranscriptTail::parse(customTitle("Mine") + aiTitle("Generated")).title, "Mine");
+    EXPECT_EQ(TranscriptTail::parse(assistantLine("no titles")).title, std::nullopt);
+}
+
+TEST(TranscriptTitle, ATitleLineWithoutItsTitleLetsTheSearchGoOn)
+{
+    EXPECT_EQ(TranscriptTail::parse(customTitle("Kept") + customTitle(nullptr) + userLine(kStamp, "go")).title, "Kept");
+    EXPECT_EQ(TranscriptTail::parse(aiTitle("Kept") + aiTitle(nullptr)).title, "Kept");
+    // A title of the wrong kind fails the whole line, which is then no title line at all.
+    EXPECT_EQ(TranscriptTail::parse(customTitle("Kept") + R"({"type":"custom-title","customTitle":42})" "\n").title,
+              "Kept");
+    // An empty custom title is still the user's choice.
+    EXPECT_EQ(TranscriptTail::parse(aiTitle("Generated") + customTitle("")).title, "");
+}
+
+TEST(TranscriptInterrupt, OnlyTheNewestTurnLineDecides)
+{
+    const auto fromFixture = TranscriptTail::parse(fixture("interrupted-turn.jsonl"));
+    EXPECT_EQ(fromFixture.interruptedAt, at("2026-03-14T10:02:31.118Z"));
+    EXPECT_EQ(fromFixture.title, "Staging migration run");
+
+    const std::string interrupt = userLine(kStamp, "[Request interrupted by user] and then some more words");
+    EXPECT_EQ(TranscriptTail::parse(interrupt).interruptedAt, at(kStamp));
+    // Lines that are not turns never settle it.
+    EXPECT_EQ(TranscriptTail::parse(interrupt + aiTitle("t") + customTitle("c") + R"({"type":"system"})" "\n")
+                  .interruptedAt,
+              at(kStamp));
+    // Any newer turn line makes the interrupt history.
+    EXPECT_EQ(TranscriptTail::parse(interrupt + assistantLine("Resuming")).interruptedAt, std::nullopt);
+    EXPECT_EQ(TranscriptTail::parse(interrupt + userLine(kStamp, "carry on")).interruptedAt, std::nullopt);
+    // An interrupt before a settled custom title is not found either.
+    EXPECT_EQ(TranscriptTail::parse(interrupt + assistantLine("ok") + customTitle("c")).interruptedAt, std::nullopt);
+}
+
+TEST(TranscriptInterrupt, MarkerMustStartATextOfAUserLine)
+{
+    const Json blocks = Json::array({{{"type", "tool_result"}, {"tool_use_id", "toolu_1"}, {"content", "rejected"}},
+                                     {{"type", "image"}},
+                                     {{"type", "text"}, {"text", "[Request interrupted by user for tool use]"}}});
+    EXPECT_EQ(TranscriptTail::parse(userLine(kStamp, blocks)).interruptedAt, at(kStamp));
+    EXPECT_EQ(TranscriptTail::parse(userLine(kStamp, " [Request interrupted by user]")).interruptedAt, std::nullopt);
+    EXPECT_EQ(TranscriptTail::parse(userLine(kStamp, "[request interrupted by user]")).interruptedAt, std::nullopt);
+    EXPECT_EQ(TranscriptTail::parse(userLine(kStamp, "[Request interrupted")).interruptedAt, std::nullopt);
+    // Escaped characters are compared as what they decode to.
+    EXPECT_EQ(TranscriptTail::parse(std::string(R"({"type":"user","timestamp":")") + kStamp +
+                                    R"(","message":{"content":"\u005bRequest\u0020interrupted by user]"}})")
+                  .interruptedAt,
+              at(kStamp));
+    // An assistant saying it does not count.
+    EXPECT_EQ(TranscriptTail::parse(assistantLine("[Request interrupted by user]")).interruptedAt, std::nullopt);
+}
+
+TEST(TranscriptInterrupt, UndatedOrBadlyDatedInterruptIsNotReported)
+{
+    const char* marker = "[Request interrupted by user]";
+    EXPECT_EQ(TranscriptTail::parse(userLine(nullptr, marker)).interruptedAt, std::nullopt);
+    EXPECT_EQ(TranscriptTail::parse(userLine("2026-03-14T10:02:31Z", marker)).interruptedAt, std::nullopt);
+    EXPECT_EQ(TranscriptTail::parse(userLine("yesterday", marker)).interruptedAt, std::nullopt);
+    // The undated interrupt still settled the turn: the older, dated one is not reported.
+    EXPECT_EQ(TranscriptTail::parse(userLine(kStamp, marker) + userLine(nullptr, marker)).interruptedAt, std::nullopt);
+}
+
+TEST(TranscriptInterrupt, ContentThatDoesNotDecodeAsTextsGivesNoInterrupt)
+{
+    const std::string marker = R"("[Request interrupted by user]")";
+    const std::string head = std::string(R"({"type":"user","timestamp":")") + kStamp + R"(","message":{"content":)";
+    // Content of another kind, or a block list that would not decode, leaves the message without texts.
+    for (const std::string& content : std::vector<std::string>{"5", "null", R"({"text":)" + marker + "}", "[" + marker + "]",
+                                      R"([{"type":"text","text":)" + marker + R"(},7])",
+                                      R"([{"type":"text","text":)" + marker + R"(},{"text":false}])"}) {
+        const auto tail = TranscriptTail::parse(userLine(kStamp, "[Request interrupted by user]") + head + content + "}}\n");
+        EXPECT_EQ(tail.interruptedAt, std::nullopt) << content; // the line decoded and settled the turn
+    }
+    // A block with a null text is passed over like one without.
+    EXPECT_EQ(TranscriptTail::parse(head + R"([{"text":null},{"text":)" + marker + "}]}}\n").interruptedAt, at(kStamp));
+    // The later of two "content" members is the one a full decode keeps.
+    EXPECT_EQ(TranscriptTail::parse(head + R"("x","content":)" + marker + "}}\n").interruptedAt, at(kStamp));
+}
+
+TEST(TranscriptParse, LinesThatDoNotDecodeAreSkipped)
+{
+    const std::string interrupt = userLine(kStamp, "[Request interrupted by user]");
+    // Each of these fails to decode as a whole, so the interrupt before it is still the newest turn.
+    const std::string failing[] = {
+        R"({"type":7,"message":{"content":"x"}})",
+        R"({"type":"user","message":"not an object"})",
+        R"({"type":"assistant","timestamp":7})",
+        R"({"type":"assistant","customTitle":["a"]})",
+        R"({"type":"user","aiTitle":{}})",
+        R"(["type","assistant"])",
+        R"({"type":"assistant")",
+        R"({"type":"assistant"}{"type":"assistant"})",
+        "{\"type\":\"assistant\",\"message\":{\"content\":\"bad \xff byte\"}}",
+        "\x00\x01\x02\xfe\xff garbage \xc3"s,
+        R"({"message":{"content":"no type"}})",
+        R"({"type":null})",
+    };
+    for (const std::string& line : failing)
+        EXPECT_EQ(TranscriptTail::parse(interrupt + line + "\n").interruptedAt, at(kStamp)) << line;
+
+    // Unknown keys and odd values elsewhere do not matter.
+    EXPECT_EQ(TranscriptTail::parse(interrupt + R"({"type":"assistant","id":3,"message":{"content":5}})" "\n")
+                  .interruptedAt,
+              std::nullopt);
+    EXPECT_EQ(TranscriptTail::parse(interrupt + R"({"type":"assistant","message":null})" "\r\n").interruptedAt,
+              std::nullopt);
+}
+
+TEST(TranscriptParse, SurvivesHugeAndHostileInput)
+{
+    const std::string title = customTitle("Survivor");
+    const std::string huge(2 << 20, 'x');
+    std::string binary(4096, '\0');
+    for (std::size_t i = 0; i < binary.size(); ++i) binary[i] = static_cast<char>((i * 7919) % 251 + 1);
+    const std::string bytes = title + huge + "\n" + userLine(kStamp, Json::array({{{"type", "tool_result"}, {"content", huge}}})) +
+                              binary + "\n" + "{\"type\":\"user\",\"message\":{\"content\":\"" + huge + "\n" +
+                              std::string(100000, '[') + "\n" + "\n\n\n";
+    const auto tail = TranscriptTail::parse(bytes);
+    EXPECT_EQ(tail.title, "Survivor");
+    EXPECT_EQ(tail.interruptedAt, std::nullopt);
+    EXPECT_EQ(TranscriptTail::parse(""), TranscriptTail{});
+    EXPECT_EQ(TranscriptTail::parse("\n\n\n"), TranscriptTail{});
+}
+
+TEST(TranscriptParse, ATailCutAnywhereLosesOnlyItsFirstLine)
+{
+    const std::string whole = fixture("titled-session.jsonl");
+    const auto expected = TranscriptTail::parse(whole);
+    // Cut at every offset inside the tool result's listing, which has multi-byte characters.
+    const std::size_t listing = whole.find("toolu_01QmV7oJ1bXr3kGdZp8sTaYw\",\"type\":\"tool_result\"");
+    ASSERT_NE(listing, std::string::npos);
+    for (std::size_t cut = listing; cut < listing + 300; ++cut)
+        ASSERT_EQ(TranscriptTail::parse(std::string_view(whole).substr(cut)), expected) << "cut at " << cut;
+}
+
+namespace {
+
+class TranscriptRead : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        directory_ = std::filesystem::temp_directory_path() /
+                     ("transcript-read-" + std::to_string(::getpid()) + "-" +
+                      ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        std::filesystem::remove_all(directory_);
+        std::filesystem::create_directories(directory_);
+    }
+    void TearDown() override { std::filesystem::remove_all(directory_); }
+
+    std::filesystem::path write(const std::string& name, const std::string& data)
+    {
+        const auto path = directory_ / name;
+        std::ofstream(path, std::ios::binary) << data;
+        return path;
+    }
+
+    std::filesystem::path directory_;
+};
+
+} // namespace
+
+TEST_F(TranscriptRead, ReadsTheWholeFileWhenItFitsTheBudget)
+{
+    const std::string data = fixture("interrupted-turn.jsonl");
+    const auto path = write("t.jsonl", data);
+    EXPECT_EQ(TranscriptTail::read(path, 524288), TranscriptTail::parse(data));
+    EXPECT_EQ(TranscriptTail::read(path, static_cast<std::int64_t>(data.size())).interruptedAt,
+              at("2026-03-14T10:02:31.118Z"));
+}
+
+TEST_F(TranscriptRead, ReadsOnlyTheLastBytesCuttingWhereverTheyStart)
+{
+    const std::string data = fixture("titled-session.jsonl");
+    const auto path = write("t.jsonl", data);
+    // Start inside a three-byte character of the listing, the first of "✓".
+    const std::size_t check = data.find("\xE2\x9C\x93");
+    ASSERT_NE(check, std::string::npos);
+    const auto budget = static_cast<std::int64_t>(data.size() - check - 1);
+    const auto tail = TranscriptTail::read(path, budget);
+    EXPECT_EQ(tail, TranscriptTail::parse(std::string_view(data).substr(check + 1)));
+    EXPECT_EQ(tail.title, "Ledger CSV importer");
+
+    // A budget that keeps only the last line (after every title) finds no title: nothing before it was read.
+    const std::size_t lastLine = data.rfind('\n', data.size() - 2) + 1;
+    EXPECT_EQ(TranscriptTail::read(path, static_cast<std::int64_t>(data.size() - lastLine)).title, std::nullopt);
+    EXPECT_EQ(TranscriptTail::read(path, 0), TranscriptTail{});
+}
+
+TEST_F(TranscriptRead, EmptyFileGivesAnEmptyTail)
+{
+    EXPECT_EQ(TranscriptTail::read(write("empty.jsonl", ""), 524288), TranscriptTail{});
+}
+
+TEST_F(TranscriptRead, FailuresAreThrownWithThePath)
+{
+    const auto missing = directory_ / "missing.jsonl";
+    try {
+        TranscriptTail::read(missing, 1024);
+        FAIL() << "no error";
+    } catch (const std::filesystem::filesystem_error& e) {
+        EXPECT_EQ(e.path1(), missing);
+        EXPECT_EQ(e.code(), std::errc::no_such_file_or_directory);
+    }
+    EXPECT_THROW(TranscriptTail::read(directory_, 1024), std::filesystem::filesystem_error);
+}
+
+TEST_F(TranscriptRead, NegativeBudgetIsABug)
+{
+    const auto path = write("t.jsonl", "{}\n");
+    EXPECT_DEATH(TranscriptTail::read(path, -1), "");
+}
