@@ -55,7 +55,7 @@ template <typename Visit> void forEachAppEntry(const Json& settings, Visit visit
 
 [[noreturn]] void cannotInstall(const std::string& what)
 {
-    throw UnexpectedShapeError(what + " in Claude Code's settings is not in the form Claude Code reads, so "
+    throw UnexpectedShapeError(what + " in Claude Code's settings isn’t in the form Claude Code reads, so "
                                       "Skeldrin can't add its hooks without losing it. Correct it in "
                                       "settings.json and connect again.");
 }
@@ -263,12 +263,12 @@ Json installing(const std::string& command, Json settings)
 
     Json& hooks = settings["hooks"];
     if (hooks.is_null()) hooks = Json::object();
-    if (!hooks.is_object()) cannotInstall("“hooks”");
+    if (!hooks.is_object()) cannotInstall("The “hooks” member");
 
     for (const EventRow& row : events()) {
         Json& groups = hooks[std::string(row.event)];
         if (groups.is_null()) groups = Json::array();
-        if (!groups.is_array()) cannotInstall("“hooks” › “" + std::string(row.event) + "”");
+        if (!groups.is_array()) cannotInstall("The “" + std::string(row.event) + "” member of “hooks”");
         Json group = Json::object();
         if (row.matcher) group["matcher"] = std::string(*row.matcher);
         group["hooks"] =

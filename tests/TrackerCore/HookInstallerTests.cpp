@@ -62,7 +62,7 @@ std::set<std::string> namesIn(const fs::path& directory)
 
 // ---- The command ----
 
-TEST(HookCommand, ShellReadsBackTheExactPath)
+TEST(HookInstallerCommand, ShellReadsBackTheExactPath)
 {
     EXPECT_EQ(HookInstaller::command("/Users/o'neil/x"), "'/Users/o'\\''neil/x'");
     EXPECT_EQ(HookInstaller::command("/opt/skeldrin-hook"), "'/opt/skeldrin-hook'");
@@ -75,15 +75,6 @@ TEST(HookCommand, ShellReadsBackTheExactPath)
         echoed += static_cast<char>(c);
     EXPECT_EQ(::pclose(shell), 0);
     EXPECT_EQ(echoed, awkward);
-}
-
-TEST(HookCommand, SettingsLiveUnderTheHomeDirectory)
-{
-    const char* saved = std::getenv("HOME");
-    const std::string home = saved ? saved : "";
-    ::setenv("HOME", "/home/someone", 1);
-    EXPECT_EQ(HookInstaller::settingsURL(), fs::path("/home/someone/.claude/settings.json"));
-    ::setenv("HOME", home.c_str(), 1);
 }
 
 // ---- State ----
