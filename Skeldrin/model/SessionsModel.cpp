@@ -124,6 +124,7 @@ void SessionsModel::reload()
         return;
     }
     loadedOnce_ = true;
+    if (loaded.unchanged) return;
 
     // A broken file is reported when it breaks, not again on every two-second cycle.
     std::set<std::string> failures;

@@ -1,10 +1,14 @@
 #include "Skeldrin/model/SessionsModel.h"
 #include "TrackerCore/Files.h"
+#include "TrackerCore/ProcessInspector.h"
 
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QtTest>
+#include <csignal>
 #include <fstream>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace skeldrin;
 namespace fs = std::filesystem;
@@ -158,6 +162,14 @@ private Q_SLOTS:
         model->reload();
         QCOMPARE(changed.count(), 2);
         QCOMPARE(model->stored().size(), std::size_t(4));
+
+        // Later, when every file has settled, reloads that find nothing new keep the list as it is.
+        clock.offset = minutes(5);
+        model->reload();
+        model->reload();
+        model->refreshCycle();
+        QCOMPARE(model->stored().size(), std::size_t(4));
+        QCOMPARE(changed.count(), 2);
     }
 
     void watchReloadsAndSurvivesTheDirectoryGoing()
@@ -439,6 +451,25 @@ private Q_SLOTS:
         headlineRequests[3].done(QStringLiteral("Json output"));
         model->setHeadlinesEnabled(true);
         QCOMPARE(headlineRequests.back().request.project, QStringLiteral("h2"));
+    }
+
+    void systemProcessTableFollowsARealProcess()
+    {
+        const auto table = makeSystemProcessTable();
+        const pid_t child = fork();
+        if (child == 0) {
+            pause();
+            _exit(0);
+        }
+        const auto ref = ProcessInspector::ref(child);
+        QVERIFY(ref);
+        QVERIFY(table->isAlive(*ref));
+        QVERIFY(table->isAlive(*ref)); // now answered by its pidfd
+        QVERIFY(!table->isAlive(ProcessRef{ref->pid, ref->startTime + 1})); // same pid, another process
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        QVERIFY(!table->isAlive(*ref));
+        QVERIFY(!table->isAlive(*ref));
     }
 
     void missingClaudeIsReportedWhenHeadlinesAreOn()
