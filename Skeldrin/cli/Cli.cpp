@@ -160,7 +160,8 @@ Options parse(const QStringList& arguments)
             options.positional << argument;
         }
     }
-    const bool takesJson = options.command == QLatin1String("status") || options.command == QLatin1String("transcript");
+    const bool takesJson =
+        options.command == QLatin1String("status") || options.command == QLatin1String("transcript");
     if (options.json && !takesJson)
         throw UsageError("--json does not apply to " + options.command.toStdString());
     const qsizetype wanted = options.command == QLatin1String("transcript") ? 1 : 0;
@@ -318,7 +319,8 @@ Json statusJson(const SessionsModel& model)
         });
     }
     const auto mostUrgent = model.mostUrgent();
-    return {{"mostUrgent", mostUrgent ? Json(rawValue(*mostUrgent)) : Json(nullptr)}, {"sessions", std::move(rows)}};
+    return {{"mostUrgent", mostUrgent ? Json(rawValue(*mostUrgent)) : Json(nullptr)},
+            {"sessions", std::move(rows)}};
 }
 
 Json transcriptJson(const TranscriptTail& tail)
@@ -363,8 +365,8 @@ std::string statusTable(const SessionsModel& model, Date now, const TableStyle& 
         Row row;
         row.entry = &entry;
         row.word = statusWord(entry);
-        row.name = fitted(std::string(2 * static_cast<std::size_t>(depth), ' ') + oneLine(model.displayName(entry.session)),
-                          kNameLimit);
+        const std::string indent(2 * static_cast<std::size_t>(depth), ' ');
+        row.name = fitted(indent + oneLine(model.displayName(entry.session)), kNameLimit);
         row.place = fitted(oneLine(place(model, entry)), kPlaceLimit);
         row.changed = elapsed(entry.session.changedAt, now);
         row.prompt = oneLine(entry.session.lastPrompt.value_or(""));

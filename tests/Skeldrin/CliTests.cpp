@@ -2,6 +2,7 @@
 // skeldrin reads them back. The table for people is also checked in process, where colour and terminal
 // width can be chosen.
 #include "Skeldrin/cli/Cli.h"
+#include "Skeldrin/cli/Watch.h"
 #include "TrackerCore/HookInstaller.h"
 #include "TrackerCore/Text.h"
 
@@ -140,7 +141,10 @@ private:
         return QJsonDocument::fromJson(outcome.out).object();
     }
 
-    SessionStore store() const { return SessionStore(path(QStringLiteral("data/Skeldrin/sessions")).toStdString()); }
+    SessionStore store() const
+    {
+        return SessionStore(path(QStringLiteral("data/Skeldrin/sessions")).toStdString());
+    }
 
     QString settingsFile() const { return path(QStringLiteral(".claude/settings.json")); }
 
@@ -192,9 +196,10 @@ private Q_SLOTS:
             const QString now = QString::fromStdString(formatIso8601(SystemClock().now()));
             file.write(R"({"type":"custom-title","customTitle":"Ship it"})"
                        "\n");
-            file.write(QStringLiteral(R"({"type":"assistant","timestamp":"%1","message":{"content":[{"type":"tool_use",)"
-                                      R"("id":"toolu_docs","name":"Bash","input":{"description":"Build the docs",)"
-                                      R"("command":"make docs","run_in_background":true}}]}})")
+            file.write(QStringLiteral(R"({"type":"assistant","timestamp":"%1","message":{"content":[)"
+                                      R"({"type":"tool_use","id":"toolu_docs","name":"Bash","input":)"
+                                      R"({"description":"Build the docs","command":"make docs",)"
+                                      R"("run_in_background":true}}]}})")
                            .arg(now)
                            .toUtf8() +
                        "\n");
@@ -203,11 +208,11 @@ private Q_SLOTS:
                    QStringLiteral(R"(,"transcript_path":"%1")").arg(transcript)));
         const qint64 orphanClaude = standIn(QStringLiteral("gone-parent"));
         QVERIFY(orphanClaude > 0);
-        hook(payload(QStringLiteral("UserPromptSubmit"), QStringLiteral("orphan"), QStringLiteral(R"(,"prompt":"x")")),
-             withClaudePid(orphanClaude));
+        hook(payload(QStringLiteral("Stop"), QStringLiteral("orphan")), withClaudePid(orphanClaude));
 
         QJsonObject status = statusJson();
-        QCOMPARE(idsOf(status), (QStringList{"main-run", "main-wait", "child", "bg-parent", "task-toolu_docs", "orphan"}));
+        QCOMPARE(idsOf(status),
+                 (QStringList{"main-run", "main-wait", "child", "bg-parent", "task-toolu_docs", "orphan"}));
         QCOMPARE(status["mostUrgent"].toString(), QStringLiteral("waiting"));
 
         const QJsonObject run = rowOf(status, "main-run");
@@ -259,7 +264,8 @@ private Q_SLOTS:
         const Outcome text = skeldrin({QStringLiteral("status")});
         QCOMPARE(text.exitCode, 0);
         const QString out = QString::fromUtf8(text.out);
-        QVERIFY2(out.startsWith(QStringLiteral("6 sessions · most urgent: Needs several approvals")), qPrintable(out));
+        QVERIFY2(out.startsWith(QStringLiteral("6 sessions · most urgent: Needs several approvals")),
+                 qPrintable(out));
         for (const char* word : {"Running", "Needs several approvals", "Ready", "Waiting on background work",
                                  "Run by Deploy", "Background job", "fix the build"})
             QVERIFY2(out.contains(QLatin1String(word)), word);
@@ -283,7 +289,8 @@ private Q_SLOTS:
         titled.lastPrompt = "make login work";
         titled.headlinePrompt = titled.lastPrompt;
         titled.seenAt = now;
-        Session ended("ended", "claude", "/work/gamma", Origin{}, std::nullopt, now + std::chrono::seconds(1));
+        const Date later = now + std::chrono::seconds{1};
+        Session ended("ended", "claude", "/work/gamma", Origin{}, std::nullopt, later);
         ended.origin.entrypoint = "claude-vscode";
         ended.endedAt = parseIso8601("2025-02-03T04:05:06.789Z");
         ended.seenAt = now;
@@ -395,11 +402,11 @@ private Q_SLOTS:
                                                    {"title", "Watch the deploy"},
                                                    {"expiresAt", QJsonValue::Null}}));
 
-        const Outcome missing = skeldrin({QStringLiteral("transcript"), path(QStringLiteral("nothing.jsonl"))});
+        const Outcome missing = skeldrin({QStringLiteral("transcript"), path(QStringLiteral("none.jsonl"))});
         QCOMPARE(missing.exitCode, 1);
         QCOMPARE(missing.out, QByteArray());
         QCOMPARE(missing.err.count('\n'), 1);
-        QVERIFY(missing.err.contains("nothing.jsonl"));
+        QVERIFY(missing.err.contains("none.jsonl"));
     }
 
     void connectAndDisconnectEditOnlyTheirOwnHooks()
@@ -408,7 +415,8 @@ private Q_SLOTS:
         {
             QFile file(settingsFile());
             QVERIFY(file.open(QIODevice::WriteOnly));
-            file.write(R"({"model":"opus","hooks":{"Stop":[{"hooks":[{"type":"command","command":"notify-send done"}]}]}})");
+            file.write(R"({"model":"opus","hooks":{"Stop":[{"hooks":[{"type":"command",)"
+                       R"("command":"notify-send done"}]}]}})");
         }
         QCOMPARE(skeldrin({QStringLiteral("hooks")}).out, QByteArray("notInstalled\n"));
 
@@ -420,7 +428,8 @@ private Q_SLOTS:
 
         const auto readSettings = [&] {
             QFile file(settingsFile());
-            return file.open(QIODevice::ReadOnly) ? QJsonDocument::fromJson(file.readAll()).object() : QJsonObject();
+            if (!file.open(QIODevice::ReadOnly)) return QJsonObject();
+            return QJsonDocument::fromJson(file.readAll()).object();
         };
         const std::string command =
             HookInstaller::command(QFileInfo(kHook).canonicalFilePath().toStdString());
@@ -442,8 +451,8 @@ private Q_SLOTS:
         settings = readSettings();
         hooks = settings["hooks"].toObject();
         QVERIFY(!QJsonDocument(settings).toJson().contains("skeldrin-hook"));
-        QCOMPARE(hooks["Stop"].toArray().first().toObject()["hooks"].toArray().first().toObject()["command"].toString(),
-                 QStringLiteral("notify-send done"));
+        const QJsonArray kept = hooks["Stop"].toArray().first().toObject()["hooks"].toArray();
+        QCOMPARE(kept.first().toObject()["command"].toString(), QStringLiteral("notify-send done"));
         QCOMPARE(skeldrin({QStringLiteral("hooks")}).out, QByteArray("notInstalled\n"));
     }
 
@@ -481,6 +490,32 @@ private Q_SLOTS:
         }
     }
 
+    void watchDrawsOnceForAPassOfChanges()
+    {
+        AppSettings settings(path(QStringLiteral("settings.ini")));
+        SessionsModel::Dependencies dependencies;
+        dependencies.settings = &settings;
+        dependencies.claudeSettings = path(QStringLiteral("claude.json")).toStdString();
+        dependencies.cycleMilliseconds = 3600 * 1000; // only the changes below, no timer cycles
+        SessionsModel model(store(), dependencies);
+
+        int drawings = 0;
+        const auto render = [&] {
+            if (++drawings == 1) {
+                QTimer::singleShot(0, &model, [&model] {
+                    Q_EMIT model.storedChanged();
+                    Q_EMIT model.backgroundTasksChanged();
+                    Q_EMIT model.transcriptTitlesChanged();
+                });
+            } else {
+                QTimer::singleShot(0, [] { std::raise(SIGINT); });
+            }
+            return std::string();
+        };
+        QCOMPARE(cli::watch(model, render, false), 0);
+        QCOMPARE(drawings, 2);
+    }
+
     void watchRedrawsOnChangeAndStopsOnSignals()
     {
         for (const int signal : {SIGINT, SIGTERM}) {
@@ -492,7 +527,8 @@ private Q_SLOTS:
             QVERIFY2(waitForOutput(watch, seen, "No sessions."), seen.constData());
 
             const QString id = QStringLiteral("watched-%1").arg(signal);
-            hook(payload(QStringLiteral("SessionStart"), id, QStringLiteral(R"(,"session_title":"Title %1")").arg(id)));
+            hook(payload(QStringLiteral("SessionStart"), id,
+                         QStringLiteral(R"(,"session_title":"Title %1")").arg(id)));
             QVERIFY2(waitForOutput(watch, seen, "Title " + id.toUtf8()), seen.constData());
 
             ::kill(static_cast<pid_t>(watch.processId()), signal);
