@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
-#include <functional>
 #include <map>
 
 namespace skeldrin {
@@ -19,24 +18,11 @@ namespace {
 
 using BackgroundTask = TranscriptTail::BackgroundTask;
 
-class Needle {
-public:
-    explicit Needle(std::string_view text)
-        : text_(text)
-        , searcher_(text_.begin(), text_.end())
-    {
-    }
-    bool in(std::string_view haystack) const
-    {
-        return std::search(haystack.begin(), haystack.end(), searcher_) != haystack.end();
-    }
-
-private:
-    std::string_view text_;
-    std::boyer_moore_horspool_searcher<std::string_view::const_iterator> searcher_;
-};
-
-bool contains(std::string_view haystack, const Needle& needle) { return needle.in(haystack); }
+// memmem: on tails of long tool results it is about twice as fast as the standard searchers.
+bool contains(std::string_view haystack, std::string_view needle)
+{
+    return ::memmem(haystack.data(), haystack.size(), needle.data(), needle.size()) != nullptr;
+}
 
 // Whether bytes are valid UTF-8 (RFC 3629), so that the common all-valid line needs no copy.
 bool isValidUtf8(std::string_view bytes)
@@ -233,9 +219,10 @@ class Tracker {
 public:
     void line(std::string_view bytes)
     {
-        static const Needle background(R"("run_in_background":true)"), monitor(R"("name":"Monitor")"),
-            taskStop(R"("name":"TaskStop")"), toolResult(R"("tool_result")"), notification("<task-notification>"),
-            status("<status>"), monitorExpired("[Monitor expired"), monitorTimedOut("[Monitor timed out");
+        static constexpr std::string_view background = R"("run_in_background":true)", monitor = R"("name":"Monitor")",
+                                          taskStop = R"("name":"TaskStop")", toolResult = R"("tool_result")",
+                                          notification = "<task-notification>", status = "<status>",
+                                          monitorExpired = "[Monitor expired", monitorTimedOut = "[Monitor timed out";
 
         // ASCII substrings survive the UTF-8 repair unchanged, so the raw bytes can be tested.
         LineText text(bytes);
