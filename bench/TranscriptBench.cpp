@@ -19,6 +19,7 @@ struct Shape {
     bool customTitleNearEnd;  // the common case: the walk stops after a few lines
     bool nonAsciiOutput;      // tool output full of multi-byte characters and escapes
     bool markersInResults;    // results whose recorded input repeats "run_in_background":true
+    bool smallResults = false; // many short tool results instead of 10-200 KB ones
 };
 
 std::string stamp(int second)
@@ -94,7 +95,7 @@ std::string tail(const Shape& shape)
         Json input{{"command", "npm test -- --reporter dot"}, {"description", "Run the importer tests"}};
         if (background) input["run_in_background"] = true;
         text += line(assistant(second, Json::array({{{"type", "tool_use"}, {"id", id}, {"name", "Bash"}, {"input", input}}})));
-        const std::size_t size = 10 * 1024 + random() % (190 * 1024);
+        const std::size_t size = shape.smallResults ? 200 + random() % 400 : 10 * 1024 + random() % (190 * 1024);
         const std::string output =
             background ? "Command running in background with ID: bg" + std::to_string(call) + " (expires in 30m)"
                        : toolOutput(random, size, shape.nonAsciiOutput);
@@ -154,7 +155,12 @@ BENCHMARK_CAPTURE(parseTail, common, Shape{true, false, false})->Unit(benchmark:
 // No custom title: the walk validates every line of the tail; multi-byte output takes the slow
 // paths of UTF-8 checking; every result repeats a start marker and so is looked at as JSON.
 BENCHMARK_CAPTURE(parseTail, worst, Shape{false, true, true})->Unit(benchmark::kMillisecond);
+// No custom title, but plain output: what the walk over every line costs, against the common case.
+BENCHMARK_CAPTURE(parseTail, untitled, Shape{false, false, false})->Unit(benchmark::kMillisecond);
+// Thousands of short lines, none titled: the per-line costs of both passes.
+BENCHMARK_CAPTURE(parseTail, shortLines, Shape{false, true, true, true})->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(scanTasks, common, Shape{true, false, false})->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(scanTasks, worst, Shape{false, true, true})->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(scanTasks, shortLines, Shape{false, true, true, true})->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();
