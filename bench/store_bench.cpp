@@ -83,7 +83,7 @@ void concurrentProcesses(int processes, int updatesEach)
     for (int p = 0; p < processes; ++p) {
         if (fork() == 0) {
             for (int i = 0; i < updatesEach; ++i)
-                for (const std::string id : {std::string("shared"), "own-" + std::to_string(p)})
+                for (const std::string& id : {std::string("shared"), "own-" + std::to_string(p)})
                     store.update(id, [&](const std::optional<Session>& current) {
                         Session next = current ? *current : sample(id);
                         next.approvalsThisTurn += 1;

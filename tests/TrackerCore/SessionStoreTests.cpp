@@ -174,7 +174,7 @@ TEST_F(SessionStoreTest, ConcurrentWritersLoseNoUpdate)
         if (pid == 0) {
             for (int i = 0; i < kUpdates; ++i) {
                 // Half the writers share one session, the others each have their own.
-                for (const std::string id : {std::string("shared"), "own" + std::to_string(p)})
+                for (const std::string& id : {std::string("shared"), "own" + std::to_string(p)})
                     store.update(id, [&](const std::optional<Session>& current) {
                         Session next = current ? *current : *make(id);
                         next.approvalsThisTurn += 1;
