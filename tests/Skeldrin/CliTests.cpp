@@ -519,6 +519,7 @@ private Q_SLOTS:
     void watchRedrawsOnChangeAndStopsOnSignals()
     {
         for (const int signal : {SIGINT, SIGTERM}) {
+            std::filesystem::remove_all(store().directory()); // each round starts with no sessions
             QProcess watch;
             watch.setProcessEnvironment(environment());
             watch.start(kSkeldrin, {QStringLiteral("watch")});

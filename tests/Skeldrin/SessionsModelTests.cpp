@@ -96,9 +96,11 @@ class SessionsModelTests : public QObject {
         return std::make_unique<SessionsModel>(*store, std::move(deps));
     }
 
+    Date base; // one instant per test, so that equal ages mean equal start times
+
     Session put(const std::string& id, int startedSecondsAgo, std::function<void(Session&)> edit = {})
     {
-        Session s(id, "claude", "/work/" + id, {}, std::nullopt, realNow() - seconds(startedSecondsAgo));
+        Session s(id, "claude", "/work/" + id, {}, std::nullopt, base - seconds(startedSecondsAgo));
         if (edit) edit(s);
         store->update(id, [&](const auto&) { return std::optional(s); });
         return *store->loadAll().sessions.begin();
@@ -134,6 +136,7 @@ private Q_SLOTS:
         jumper = TestJumper{};
         alerts.shown.clear();
         settings = std::make_unique<AppSettings>(temp->filePath("settings.ini"));
+        base = realNow();
         headlineRequests.clear();
         locatedClaude = QStringLiteral("/usr/bin/claude");
     }
