@@ -24,48 +24,6 @@ bool contains(std::string_view haystack, std::string_view needle)
     return ::memmem(haystack.data(), haystack.size(), needle.data(), needle.size()) != nullptr;
 }
 
-// Whether bytes are valid UTF-8 (RFC 3629), so that the common all-valid line needs no copy.
-bool isValidUtf8(std::string_view bytes)
-{
-    const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
-    const auto* const end = p + bytes.size();
-    while (p < end) {
-        while (end - p >= 8) {
-            std::uint64_t word;
-            std::memcpy(&word, p, 8);
-            if (word & 0x8080808080808080ULL) break;
-            p += 8;
-        }
-        if (p == end) break;
-        const unsigned char b0 = *p;
-        if (b0 < 0x80) {
-            ++p;
-            continue;
-        }
-        int length;
-        unsigned char lo = 0x80, hi = 0xBF;
-        if (b0 >= 0xC2 && b0 <= 0xDF) {
-            length = 2;
-        } else if (b0 >= 0xE0 && b0 <= 0xEF) {
-            length = 3;
-            if (b0 == 0xE0) lo = 0xA0;
-            if (b0 == 0xED) hi = 0x9F;
-        } else if (b0 >= 0xF0 && b0 <= 0xF4) {
-            length = 4;
-            if (b0 == 0xF0) lo = 0x90;
-            if (b0 == 0xF4) hi = 0x8F;
-        } else {
-            return false;
-        }
-        if (end - p < length) return false;
-        for (int i = 1; i < length; ++i) {
-            if (p[i] < (i == 1 ? lo : 0x80) || p[i] > (i == 1 ? hi : 0xBF)) return false;
-        }
-        p += length;
-    }
-    return true;
-}
-
 // A line as text: its bytes when they are valid UTF-8, else a copy with the invalid sequences
 // replaced. Made only for lines that get past the substring tests.
 class LineText {
@@ -78,7 +36,7 @@ public:
     {
         if (!checked_) {
             checked_ = true;
-            if (!isValidUtf8(bytes_)) {
+            if (!text::isValidUtf8(bytes_)) {
                 repaired_ = text::sanitizeUtf8(bytes_);
                 bytes_ = repaired_;
             }

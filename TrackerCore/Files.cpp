@@ -1,5 +1,7 @@
 #include "TrackerCore/Files.h"
 
+#include "TrackerCore/FileTimes.h"
+
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -17,6 +19,18 @@ struct Descriptor {
 };
 
 } // namespace
+
+std::optional<FileStamp> stamp(const std::filesystem::path& file)
+{
+    struct stat info {};
+    if (::stat(file.c_str(), &info) != 0) {
+        if (errno == ENOENT) return std::nullopt;
+        throwFileError("cannot read the attributes of", file, errno);
+    }
+    FileStamp result{static_cast<std::int64_t>(info.st_ino), static_cast<std::int64_t>(info.st_size), 0, 0};
+    statTimes(info, result.modified, result.changed);
+    return result;
+}
 
 void throwFileError(const char* what, const std::filesystem::path& file, int errorNumber)
 {

@@ -21,7 +21,7 @@ struct FileStamp {
     std::int64_t inode = 0, size = 0, modified = 0, changed = 0;
     bool operator==(const FileStamp&) const = default;
 };
-// Nothing when the file does not exist; other failures throw filesystem_error. (Per platform.)
+// Nothing when the file does not exist; other failures throw filesystem_error.
 std::optional<FileStamp> stamp(const std::filesystem::path& file);
 
 [[noreturn]] void throwFileError(const char* what, const std::filesystem::path& file, int errorNumber);

@@ -1,6 +1,7 @@
 #include "TrackerCore/JsonScan.h"
 
 #include "TrackerCore/Json.h"
+#include "TrackerCore/Text.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -194,25 +195,8 @@ private:
 
     void utf8()
     {
-        const auto b0 = static_cast<unsigned char>(*p_);
-        int length;
-        unsigned char lo = 0x80, hi = 0xBF;
-        if (b0 >= 0xC2 && b0 <= 0xDF) length = 2;
-        else if (b0 >= 0xE0 && b0 <= 0xEF) {
-            length = 3;
-            if (b0 == 0xE0) lo = 0xA0;
-            if (b0 == 0xED) hi = 0x9F;
-        } else if (b0 >= 0xF0 && b0 <= 0xF4) {
-            length = 4;
-            if (b0 == 0xF0) lo = 0x90;
-            if (b0 == 0xF4) hi = 0x8F;
-        } else
-            fail("invalid UTF-8");
-        if (end_ - p_ < length) fail("invalid UTF-8");
-        for (int i = 1; i < length; ++i) {
-            const auto b = static_cast<unsigned char>(p_[i]);
-            if (b < (i == 1 ? lo : 0x80) || b > (i == 1 ? hi : 0xBF)) fail("invalid UTF-8");
-        }
+        const std::size_t length = text::validSequenceLength(std::string_view(p_, static_cast<std::size_t>(end_ - p_)));
+        if (length == 0) fail("invalid UTF-8");
         p_ += length;
     }
 

@@ -11,6 +11,10 @@ std::u32string decodeUtf8(std::string_view utf8);
 std::string encodeUtf8(std::u32string_view text);
 // Replaces invalid UTF-8 sequences with U+FFFD.
 std::string sanitizeUtf8(std::string_view bytes);
+// The length (1 to 4) of the well-formed UTF-8 sequence that bytes starts with, or 0 (RFC 3629:
+// no overlong forms, no surrogates, nothing above U+10FFFF).
+std::size_t validSequenceLength(std::string_view bytes);
+bool isValidUtf8(std::string_view bytes);
 
 bool isAlphanumeric(char32_t c);         // letters, marks, digits
 bool isWhitespaceOrNewline(char32_t c);  // Z*, tab..carriage return, U+0085
