@@ -7,10 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <fcntl.h>
 #include <poll.h>
-#include <pty.h>
 #include <spawn.h>
 #include <sys/file.h>
 #include <sys/wait.h>
@@ -39,7 +39,12 @@ public:
     pid_t start(int stdinFd = -1)
     {
         int in[2], out[2], err[2];
-        if (pipe2(in, O_CLOEXEC) || pipe2(out, O_CLOEXEC) || pipe2(err, O_CLOEXEC)) throw std::runtime_error("pipe");
+        for (int* p : {in, out, err}) {
+            // Close-on-exec, so that the hook holds no other end and sees the end of its input.
+            if (pipe(p) != 0) throw std::runtime_error("pipe");
+            fcntl(p[0], F_SETFD, FD_CLOEXEC);
+            fcntl(p[1], F_SETFD, FD_CLOEXEC);
+        }
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, stdinFd >= 0 ? stdinFd : in[0], 0);
@@ -236,8 +241,12 @@ TEST_F(HookCommandTest, CorruptSessionFileStaysForTheUser)
 
 TEST_F(HookCommandTest, TerminalOnStdinPrintsUsageInsteadOfWaiting)
 {
-    int master, slave;
-    ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+    const int master = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(grantpt(master), 0);
+    ASSERT_EQ(unlockpt(master), 0);
+    const int slave = ::open(ptsname(master), O_RDWR | O_NOCTTY);
+    ASSERT_GE(slave, 0);
     Hook h(env);
     const pid_t pid = h.start(slave);
     close(slave);
