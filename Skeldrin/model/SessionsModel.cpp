@@ -103,7 +103,8 @@ void SessionsModel::refreshCycle()
     dropExpiredTasks();
     reload();
     // The watch goes away with a deleted directory; it comes back once the directory does.
-    if (watcher_ && watcher_->directories().isEmpty() && std::filesystem::is_directory(store_.directory()))
+    std::error_code error;
+    if (watcher_ && watcher_->directories().isEmpty() && std::filesystem::is_directory(store_.directory(), error))
         watchStore();
 }
 
@@ -111,7 +112,8 @@ void SessionsModel::reload()
 {
     // Once the directory has been seen, its disappearance is not the news that every session ended:
     // the list stays until the directory is back (the hook recreates it on its next event).
-    if (loadedOnce_ && !std::filesystem::exists(store_.directory())) {
+    std::error_code error;
+    if (loadedOnce_ && !std::filesystem::exists(store_.directory(), error) && !error) {
         qCWarning(lcSessions, "loading sessions failed: %s",
                   qUtf8Printable(q("the sessions directory " + store_.directory().string() + " is gone")));
         return;
