@@ -1,15 +1,16 @@
 #include "TrackerCore/HookInstaller.h"
+#include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <set>
-#include <sstream>
 #include <sys/stat.h>
 
 namespace fs = std::filesystem;
+using skeldrin::test::readText;
+using skeldrin::test::writeText;
 namespace HookInstaller = skeldrin::HookInstaller;
 using HookInstaller::State;
 using skeldrin::Json;
@@ -20,18 +21,6 @@ const fs::path fixtures = fs::path(SKELDRIN_FIXTURES) / "settings";
 const std::string current = HookInstaller::command("/opt/Skeldrin/bin/skeldrin-hook");
 const std::string earlier = "'/Applications/Skeldrin.app/Contents/MacOS/skeldrin-hook'";
 
-std::string readText(const fs::path& file)
-{
-    std::ifstream in(file, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-void writeText(const fs::path& file, const std::string& text)
-{
-    std::ofstream(file, std::ios::binary) << text;
-}
 
 Json fixture(const char* name)
 {

@@ -1,12 +1,11 @@
 #include "TrackerCore/ProcessInspectorLinux.h"
+#include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -17,21 +16,11 @@
 using namespace skeldrin::ProcessInspector;
 using namespace skeldrin::ProcessInspector::procfs;
 namespace fs = std::filesystem;
+using skeldrin::test::readText;
+using skeldrin::test::writeText;
 
 namespace {
 
-std::string readText(const fs::path& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
-void writeText(const fs::path& path, const std::string& text)
-{
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
 
 // tty_nr as the kernel encodes a device number.
 std::int64_t ttyNr(std::uint32_t major, std::uint32_t minor)
