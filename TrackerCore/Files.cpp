@@ -8,17 +8,10 @@
 #include <unistd.h>
 
 namespace skeldrin::files {
-namespace {
-
-struct Descriptor {
-    int fd;
-    ~Descriptor()
-    {
-        if (fd >= 0) ::close(fd);
-    }
-};
-
-} // namespace
+Descriptor::~Descriptor()
+{
+    if (fd >= 0) ::close(fd);
+}
 
 std::optional<FileStamp> stamp(const std::filesystem::path& file)
 {

@@ -8,6 +8,16 @@
 
 namespace skeldrin::files {
 
+// Closes a file descriptor when it goes out of scope (a negative one is no descriptor).
+struct Descriptor {
+    int fd = -1;
+    Descriptor() = default;
+    explicit Descriptor(int descriptor) : fd(descriptor) {}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor();
+};
+
 // The whole file, or nothing when it does not exist; other failures throw filesystem_error.
 std::optional<std::string> readWholeFile(const std::filesystem::path& file);
 

@@ -62,13 +62,7 @@ template <typename Visit> void forEachAppEntry(const Json& settings, Visit visit
 
 // ---- Files ----
 
-struct Descriptor {
-    int fd = -1;
-    ~Descriptor()
-    {
-        if (fd >= 0) ::close(fd);
-    }
-};
+using files::Descriptor;
 
 // A temporary file that is removed unless it was renamed or linked into place.
 struct Temporary {

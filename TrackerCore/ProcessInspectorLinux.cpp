@@ -1,5 +1,6 @@
 #include "TrackerCore/ProcessInspectorLinux.h"
 
+#include "TrackerCore/Files.h"
 #include "TrackerCore/Text.h"
 
 #include <array>
@@ -24,21 +25,6 @@ std::optional<T> number(std::string_view digits)
     return value;
 }
 
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor()
-    {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
 std::optional<std::string> readAll(int fd, std::size_t limit)
 {
     std::string content;
@@ -57,9 +43,9 @@ std::optional<std::string> readAll(int fd, std::size_t limit)
 
 std::optional<std::string> readFile(const char* path, std::size_t limit)
 {
-    const FileDescriptor file(::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY));
-    if (file.get() < 0) return std::nullopt;
-    return readAll(file.get(), limit);
+    const files::Descriptor file(::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    if (file.fd < 0) return std::nullopt;
+    return readAll(file.fd, limit);
 }
 
 // "/proc/<pid>/<entry>" without going through the allocator for the number.
@@ -98,14 +84,14 @@ struct AnchorRead {
 AnchorRead readAnchor(const std::filesystem::path& file, std::string_view bootId)
 {
     // O_NONBLOCK keeps a planted FIFO from blocking the open.
-    const FileDescriptor fd(::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-    if (fd.get() < 0) return {errno == ENOENT ? AnchorState::missing : AnchorState::untrusted};
+    const files::Descriptor fd(::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+    if (fd.fd < 0) return {errno == ENOENT ? AnchorState::missing : AnchorState::untrusted};
     struct stat info {};
-    if (::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::geteuid() ||
+    if (::fstat(fd.fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::geteuid() ||
         (info.st_mode & (S_IWGRP | S_IWOTH)) != 0)
         return {AnchorState::untrusted};
 
-    const auto content = readAll(fd.get(), 256);
+    const auto content = readAll(fd.fd, 256);
     if (!content) return {AnchorState::untrusted};
     // "<boot id> <btime>\n"; anything else (another boot, a torn or foreign format) is replaced.
     std::string_view line = *content;

@@ -231,18 +231,13 @@ void visit(std::string_view line, Walk& walk)
     }
 }
 
-struct Descriptor {
-    int fd;
-    ~Descriptor() { ::close(fd); } // a failed close loses nothing of a read-only file
-};
-
 } // namespace
 
 TranscriptTail TranscriptTail::read(const std::filesystem::path& path, std::int64_t maxBytes)
 {
     if (maxBytes < 0) std::abort(); // a caller's bug, not a condition of the file
 
-    Descriptor file{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+    files::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (file.fd < 0) files::throwFileError("cannot open transcript", path, errno);
     struct stat info {};
     if (::fstat(file.fd, &info) != 0) files::throwFileError("cannot read transcript", path, errno);
