@@ -31,4 +31,13 @@ void AppSettings::setValue(const QString& key, const QVariant& value)
     Q_EMIT changed(key);
 }
 
+bool AppSettings::contains(const QString& key) const { return settings_->contains(key); }
+
+void AppSettings::remove(const QString& key)
+{
+    settings_->remove(key);
+    settings_->sync();
+    Q_EMIT changed(key);
+}
+
 } // namespace skeldrin

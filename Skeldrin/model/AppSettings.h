@@ -19,6 +19,9 @@ public:
     bool boolValue(const QString& key, bool defaultValue) const;
     QVariant value(const QString& key, const QVariant& defaultValue = {}) const;
     void setValue(const QString& key, const QVariant& value);
+    bool contains(const QString& key) const;
+    // Forgets the value under the key; announced like a write.
+    void remove(const QString& key);
 
 Q_SIGNALS:
     void changed(const QString& key);
