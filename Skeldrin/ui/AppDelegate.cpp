@@ -1,0 +1,169 @@
+#include "Skeldrin/ui/AppDelegate.h"
+
+#include "Skeldrin/model/AppSettings.h"
+#include "Skeldrin/model/Headliner.h"
+#include "Skeldrin/model/SessionsModel.h"
+#include "Skeldrin/model/Updates.h"
+#include "Skeldrin/platform/AppPlatform.h"
+#include "Skeldrin/platform/SystemJumper.h"
+#include "Skeldrin/ui/MenuBarIcon.h"
+#include "Skeldrin/ui/SettingsView.h"
+#include "Skeldrin/ui/SingleInstance.h"
+#include "Skeldrin/ui/StatusBarController.h"
+#include "Skeldrin/ui/WidgetPanel.h"
+
+#include <QApplication>
+#include <QColorDialog>
+#include <QEvent>
+#include <QLoggingCategory>
+#include <QMessageBox>
+#include <QMoveEvent>
+#include <QScreen>
+#include <QStyleFactory>
+#include <QSystemTrayIcon>
+#include <QVBoxLayout>
+#include <stdexcept>
+
+Q_LOGGING_CATEGORY(lcApp, "app.skeldrin.app")
+
+namespace skeldrin {
+
+namespace {
+
+QPalette darkPalette()
+{
+    QPalette p;
+    const QColor window(0x24, 0x24, 0x26), base(0x1C, 0x1C, 0x1E), text(0xF2, 0xF2, 0xF7);
+    p.setColor(QPalette::Window, window);
+    p.setColor(QPalette::WindowText, text);
+    p.setColor(QPalette::Base, base);
+    p.setColor(QPalette::AlternateBase, window);
+    p.setColor(QPalette::Text, text);
+    p.setColor(QPalette::Button, QColor(0x3A, 0x3A, 0x3C));
+    p.setColor(QPalette::ButtonText, text);
+    p.setColor(QPalette::Highlight, QColor(0x0A, 0x84, 0xFF));
+    p.setColor(QPalette::HighlightedText, Qt::white);
+    p.setColor(QPalette::ToolTipBase, base);
+    p.setColor(QPalette::ToolTipText, text);
+    p.setColor(QPalette::Disabled, QPalette::Text, QColor(0x8E, 0x8E, 0x93));
+    p.setColor(QPalette::Disabled, QPalette::WindowText, QColor(0x8E, 0x8E, 0x93));
+    p.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(0x8E, 0x8E, 0x93));
+    return p;
+}
+
+} // namespace
+
+void MessageBoxAlerts::showError(const QString& title, const QString& text)
+{
+    platform::activateApp();
+    QMessageBox box(QMessageBox::Warning, QStringLiteral("Skeldrin"), title, QMessageBox::Ok);
+    box.setInformativeText(text);
+    box.exec();
+}
+
+AppDelegate::AppDelegate() = default;
+
+AppDelegate::~AppDelegate()
+{
+    delete settingsWindow_.data();
+}
+
+bool AppDelegate::start()
+{
+    const QImage artwork = MenuBarIcon::artwork();
+    if (artwork.isNull())
+        throw std::runtime_error("The \"StatusIcon\" artwork is missing from this build of Skeldrin.");
+
+    SessionStore store = SessionStore::defaultStore();
+    // Two instances never run against one store: a second start hands over and leaves.
+    instance_ = std::make_unique<SingleInstance>(QString::fromStdString(store.directory().string()));
+    settings_ = std::make_unique<AppSettings>();
+    if (!instance_->claim()) return false;
+    connect(instance_.get(), &SingleInstance::reopenRequested, this, &AppDelegate::reopen);
+
+    platform::becomeAccessoryApp();
+    // The updater's Quarantine.clear(own bundle) belongs here, on macOS, before the model starts.
+
+    jumper_ = makeSystemJumper();
+    SessionsModel::Dependencies deps;
+    deps.jumper = jumper_.get();
+    deps.alerts = &alerts_;
+    deps.settings = settings_.get();
+    deps.headlineWriter = [](const Headliner::Request& request, const QStringList& running, QObject* context,
+                             std::function<void(Headliner::Outcome)> done) {
+        Headliner::write(request, running, context, std::move(done));
+    };
+    model_ = std::make_unique<SessionsModel>(std::move(store), std::move(deps));
+    model_->start();
+
+    updates_ = std::make_unique<Updates>();
+    updates_->start();
+
+    const auto quit = [] { QApplication::quit(); };
+    widget_ = std::make_unique<WidgetPanel>(*model_, *updates_, *settings_,
+                                            WidgetPanel::Callbacks{[this] { showSettings(); }, quit});
+    widget_->refreshVisibility();
+
+    statusBar_ = std::make_unique<StatusBarController>(
+        *model_, *updates_, *widget_, *settings_, artwork,
+        StatusBarController::Callbacks{[this] { showSettings(); }, quit});
+    if (QSystemTrayIcon::isSystemTrayAvailable()) {
+        statusBar_->show();
+    } else {
+        qCWarning(lcApp,
+                  "no system tray on this desktop (no StatusNotifierWatcher or XEmbed tray): the widget's "
+                  "menu offers what the tray menu would");
+        widget_->setCardMenuExtension([this](QMenu& menu) { statusBar_->appendMenu(menu); });
+    }
+    return true;
+}
+
+void AppDelegate::reopen()
+{
+    settings_->setValue(QStringLiteral("widget.visible"), true);
+    if (widget_) widget_->refreshVisibility();
+}
+
+void AppDelegate::showSettings()
+{
+    if (!settingsWindow_) {
+        auto* window = new QWidget(nullptr, Qt::Window | Qt::WindowTitleHint | Qt::WindowCloseButtonHint |
+                                                Qt::CustomizeWindowHint);
+        window->setWindowTitle(QStringLiteral("Skeldrin"));
+        window->setStyle(QStyleFactory::create(QStringLiteral("Fusion")));
+        window->setPalette(darkPalette());
+        window->setAutoFillBackground(true);
+        auto* layout = new QVBoxLayout(window);
+        layout->setContentsMargins(6, 2, 6, 4);
+        settingsView_ = new SettingsView(*model_, *settings_, window);
+        layout->addWidget(settingsView_);
+        window->setFixedSize(std::max(300, window->sizeHint().width()), window->sizeHint().height());
+        if (const QScreen* screen = QGuiApplication::primaryScreen())
+            window->move(screen->availableGeometry().center() - window->rect().center());
+        window->installEventFilter(this);
+        settingsWindow_ = window;
+    }
+    model_->refreshHookState();
+    platform::activateApp();
+    settingsWindow_->show();
+    settingsWindow_->raise();
+    settingsWindow_->activateWindow();
+    settingsView_->placeColorPanel(*settingsWindow_);
+}
+
+bool AppDelegate::eventFilter(QObject* watched, QEvent* event)
+{
+    QColorDialog* panel = settingsView_ ? settingsView_->colorPanel() : nullptr;
+    if (watched == settingsWindow_ && panel && panel->isVisible()) {
+        // The colour panel travels with the settings window and goes when it closes.
+        if (event->type() == QEvent::Move) {
+            const auto* move = static_cast<QMoveEvent*>(event);
+            panel->move(panel->pos() + move->pos() - move->oldPos());
+        } else if (event->type() == QEvent::Close) {
+            panel->close();
+        }
+    }
+    return QObject::eventFilter(watched, event);
+}
+
+} // namespace skeldrin

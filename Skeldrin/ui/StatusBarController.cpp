@@ -1,0 +1,131 @@
+#include "Skeldrin/ui/StatusBarController.h"
+
+#include "Skeldrin/model/AppSettings.h"
+#include "Skeldrin/model/Palette.h"
+#include "Skeldrin/model/SessionsModel.h"
+#include "Skeldrin/model/Updates.h"
+#include "Skeldrin/ui/MenuBarIcon.h"
+#include "Skeldrin/ui/WidgetPanel.h"
+
+#include <QIcon>
+#include <QLoggingCategory>
+#include <QMenu>
+#include <QSystemTrayIcon>
+
+Q_LOGGING_CATEGORY(lcStatusBar, "app.skeldrin.statusbar")
+
+namespace skeldrin {
+
+namespace {
+// Tray panels on Linux are dark almost everywhere; the glyph is drawn light on them.
+const QColor glyphColour(0xF2, 0xF2, 0xF2);
+// Sizes the icon is offered in, so that every tray picks a sharp one.
+constexpr int iconSides[] = {16, 22, 24, 32, 48, 64};
+} // namespace
+
+StatusBarController::StatusBarController(SessionsModel& model, Updates& updates, WidgetPanel& widget,
+                                         AppSettings& settings, QImage artwork, Callbacks callbacks,
+                                         QObject* parent)
+    : QObject(parent)
+    , model_(model)
+    , updates_(updates)
+    , widget_(widget)
+    , settings_(settings)
+    , artwork_(std::move(artwork))
+    , callbacks_(std::move(callbacks))
+    , menu_(std::make_unique<QMenu>())
+    , tray_(new QSystemTrayIcon(this))
+{
+    tray_->setContextMenu(menu_.get());
+    connect(menu_.get(), &QMenu::aboutToShow, this, &StatusBarController::rebuildMenu);
+    // A left click opens the same menu, as the status item does.
+    connect(tray_, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+        if (reason == QSystemTrayIcon::Trigger) menu_->popup(QCursor::pos());
+    });
+
+    for (auto signal : {&SessionsModel::storedChanged, &SessionsModel::backgroundTasksChanged,
+                        &SessionsModel::foldedRunsChanged, &SessionsModel::transcriptTitlesChanged})
+        connect(&model_, signal, this, &StatusBarController::updateIcon);
+    // A colour picked in settings repaints the badge at once.
+    connect(&settings_, &AppSettings::changed, this, [this](const QString& key) {
+        if (key.startsWith(QLatin1String("color."))) updateIcon();
+    });
+    rebuildMenu(); // a panel may read the exported menu before it is ever opened
+    updateIcon();
+}
+
+StatusBarController::~StatusBarController() = default;
+
+void StatusBarController::show()
+{
+    tray_->show();
+}
+
+QImage StatusBarController::iconImage(int side) const
+{
+    std::optional<QColor> badge;
+    if (const auto urgent = model_.mostUrgent()) badge = Palette::color(*urgent, settings_);
+    return MenuBarIcon::image(artwork_, glyphColour, badge, side);
+}
+
+void StatusBarController::updateIcon()
+{
+    QIcon icon;
+    for (int side : iconSides)
+        icon.addPixmap(QPixmap::fromImage(iconImage(side)));
+    tray_->setIcon(icon);
+    tray_->setToolTip(trayToolTip(model_));
+}
+
+void StatusBarController::rebuildMenu()
+{
+    fillMenu(*menu_, trayMenuItems(model_, updates_, settings_),
+             [this](const TrayMenuItem& item) { perform(item); });
+}
+
+void StatusBarController::appendMenu(QMenu& menu)
+{
+    QMenu own;
+    fillMenu(own, trayMenuItems(model_, updates_, settings_),
+             [this](const TrayMenuItem& item) { perform(item); });
+    menu.addSeparator();
+    for (QAction* action : own.actions()) {
+        own.removeAction(action);
+        action->setParent(&menu);
+        menu.addAction(action);
+    }
+}
+
+void StatusBarController::perform(const TrayMenuItem& item)
+{
+    using Action = TrayMenuItem::Action;
+    switch (item.action) {
+    case Action::installUpdate:
+        updates_.install();
+        break;
+    case Action::jump:
+        for (const ListedSession& entry : model_.list()) {
+            if (QString::fromStdString(entry.session.id) == item.argument) {
+                model_.jump(entry);
+                break;
+            }
+        }
+        break;
+    case Action::flip:
+        if (item.argument.isEmpty()) break;
+        settings_.setValue(item.argument, !item.checked);
+        if (item.argument == QLatin1String("widget.visible")) widget_.refreshVisibility();
+        break;
+    case Action::showSettings:
+        if (callbacks_.openSettings) callbacks_.openSettings();
+        break;
+    case Action::quit:
+        if (callbacks_.quit) callbacks_.quit();
+        break;
+    case Action::none:
+    case Action::separator:
+        break;
+    }
+}
+
+} // namespace skeldrin

@@ -1,0 +1,59 @@
+#pragma once
+// The tray item: the icon with the most urgent colour in its notch, its tooltip, and the menu rebuilt
+// each time it opens.
+#include "Skeldrin/ui/TrayMenu.h"
+
+#include <QImage>
+#include <QObject>
+#include <functional>
+#include <memory>
+
+class QMenu;
+class QSystemTrayIcon;
+
+namespace skeldrin {
+
+class AppSettings;
+class SessionsModel;
+class Updates;
+class WidgetPanel;
+
+class StatusBarController : public QObject {
+    Q_OBJECT
+  public:
+    struct Callbacks {
+        std::function<void()> openSettings;
+        std::function<void()> quit;
+    };
+
+    // `artwork` is the "StatusIcon" image (see MenuBarIcon::artwork()).
+    StatusBarController(SessionsModel& model, Updates& updates, WidgetPanel& widget, AppSettings& settings,
+                        QImage artwork, Callbacks callbacks, QObject* parent = nullptr);
+    ~StatusBarController() override;
+
+    // Puts the item in the tray.
+    void show();
+    QSystemTrayIcon& trayIcon() const { return *tray_; }
+    // The icon as it is drawn now, at `side` pixels.
+    QImage iconImage(int side) const;
+
+    // What choosing a menu entry does; also used by the widget's card menu when there is no tray.
+    void perform(const TrayMenuItem& item);
+    // Appends the tray menu's entries to another menu.
+    void appendMenu(QMenu& menu);
+
+  private:
+    void updateIcon();
+    void rebuildMenu();
+
+    SessionsModel& model_;
+    Updates& updates_;
+    WidgetPanel& widget_;
+    AppSettings& settings_;
+    QImage artwork_;
+    Callbacks callbacks_;
+    std::unique_ptr<QMenu> menu_;
+    QSystemTrayIcon* tray_;
+};
+
+} // namespace skeldrin
