@@ -26,7 +26,7 @@ const QColor errorRed(0xFF, 0x45, 0x3A);
 QFont sized(int points, const QWidget& widget)
 {
     QFont font = widget.font();
-    font.setPointSizeF(points);
+    font.setPixelSize(points); // points as the Mac counts them: one per logical pixel
     return font;
 }
 
