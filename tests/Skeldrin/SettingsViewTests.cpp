@@ -1,0 +1,186 @@
+#include "AppFixture.h"
+#include "Skeldrin/model/Palette.h"
+#include "Skeldrin/platform/LoginItem.h"
+#include "Skeldrin/ui/SettingsView.h"
+#include "tests/support/TestFiles.h"
+
+#include <QColorDialog>
+#include <QLabel>
+#include <QPushButton>
+#include <QtTest>
+#include <sys/stat.h>
+
+using namespace skeldrin;
+using namespace skeldrin::test;
+
+namespace {
+
+Switch& switchNamed(SettingsView& view, const char* name)
+{
+    auto* s = view.findChild<Switch*>(QLatin1String(name));
+    if (!s) qFatal("no switch %s", name);
+    return *s;
+}
+
+} // namespace
+
+class SettingsViewTests : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir config;
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        // The autostart entry goes under $XDG_CONFIG_HOME: a temporary one, never the user's.
+        qputenv("XDG_CONFIG_HOME", config.path().toUtf8());
+        QStandardPaths::setTestModeEnabled(false);
+    }
+
+    void colorPanelPlacement_data()
+    {
+        QTest::addColumn<QRectF>("window");
+        QTest::addColumn<QPointF>("origin");
+        // A 1440 × 900 screen whose visible part starts under a 25 point bar; the panel is 220 × 300.
+        QTest::newRow("room on the right") << QRectF(400, 200, 300, 400) << QPointF(712, 200);
+        QTest::newRow("near the right edge: on the left") << QRectF(1100, 200, 300, 400) << QPointF(868, 200);
+        QTest::newRow("exactly fits on the right") << QRectF(908, 200, 300, 400) << QPointF(1220, 200);
+        QTest::newRow("near the bottom: pushed up") << QRectF(400, 700, 300, 150) << QPointF(712, 600);
+        QTest::newRow("above the visible top: pushed down") << QRectF(400, 0, 300, 150) << QPointF(712, 25);
+        QTest::newRow("no room on either side: at the left edge") << QRectF(100, 200, 1250, 400) << QPointF(0, 200);
+    }
+    void colorPanelPlacement()
+    {
+        QFETCH(QRectF, window);
+        QFETCH(QPointF, origin);
+        QCOMPARE(colorPanelOrigin(window, QSizeF(220, 300), QRectF(0, 25, 1440, 875)), origin);
+    }
+
+    void claudeCodeSwitchEditsTheSettingsFile()
+    {
+        AppFixture app;
+        std::filesystem::create_directories(app.claudeSettings.parent_path());
+        writeText(app.claudeSettings, R"({"model": "opus"})");
+        app.model->refreshHookState();
+        SettingsView view(*app.model, app.settings);
+        Switch& connected = switchNamed(view, "claudeCode");
+        QVERIFY(!connected.isChecked());
+
+        connected.click();
+        QVERIFY(connected.isChecked());
+        QCOMPARE(app.model->hookState(), HookInstaller::State::installed);
+        const std::string installed = readText(app.claudeSettings);
+        QVERIFY(installed.find("skeldrin-hook") != std::string::npos);
+        QVERIFY(installed.find("\"opus\"") != std::string::npos); // the user's own settings stay
+
+        connected.click();
+        QVERIFY(!connected.isChecked());
+        QVERIFY(readText(app.claudeSettings).find("skeldrin-hook") == std::string::npos);
+    }
+
+    void unreadableClaudeSettingsSnapBack()
+    {
+        AppFixture app;
+        std::filesystem::create_directories(app.claudeSettings.parent_path());
+        writeText(app.claudeSettings, "{ not json");
+        SettingsView view(*app.model, app.settings);
+        switchNamed(view, "claudeCode").click();
+        QVERIFY(!switchNamed(view, "claudeCode").isChecked());
+        QCOMPARE(app.alerts.shown.size(), 1);
+        QVERIFY(app.alerts.shown.front().startsWith(QStringLiteral("Couldn't update Claude Code settings | ")));
+    }
+
+    void compactAndHeadlinesFollowTheirSources()
+    {
+        AppFixture app;
+        SettingsView view(*app.model, app.settings);
+        switchNamed(view, "compact").click();
+        QCOMPARE(app.settings.value(QStringLiteral("widget.compact")).toBool(), true);
+        app.settings.setValue(QStringLiteral("widget.compact"), false); // e.g. from the tray menu
+        QVERIFY(!switchNamed(view, "compact").isChecked());
+
+        switchNamed(view, "headlines").click();
+        QVERIFY(app.model->headlinesEnabled());
+        app.model->setHeadlinesEnabled(false);
+        QVERIFY(!switchNamed(view, "headlines").isChecked());
+        QVERIFY(view.findChild<QLabel*>(QStringLiteral("headlineError"))->isHidden());
+    }
+
+    void colourRowsAndReset()
+    {
+        AppFixture app;
+        SettingsView view(*app.model, app.settings);
+        view.findChild<QPushButton*>(QStringLiteral("color.waiting"))->click();
+        QColorDialog* panel = view.colorPanel();
+        QVERIFY(panel);
+        QVERIFY(!panel->isModal());
+        QVERIFY(!panel->testOption(QColorDialog::ShowAlphaChannel));
+        QCOMPARE(panel->currentColor(), QColor(0xFF, 0xD6, 0x0A));
+        panel->setCurrentColor(QColor(0x12, 0x34, 0x56));
+        QCOMPARE(app.settings.value(QStringLiteral("color.waiting")).toString(), QStringLiteral("#123456"));
+
+        view.findChild<QPushButton*>(QStringLiteral("color.ready"))->click();
+        QCOMPARE(view.colorPanel(), panel); // one panel, reused
+        panel->setCurrentColor(QColor(0x65, 0x43, 0x21));
+        QCOMPARE(app.settings.value(QStringLiteral("color.ready")).toString(), QStringLiteral("#654321"));
+        QVERIFY(!app.settings.contains(QStringLiteral("color.running")));
+
+        view.findChild<QPushButton*>(QStringLiteral("reset"))->click();
+        for (Status s : allStatuses) QVERIFY(!app.settings.contains(Palette::key(s)));
+    }
+
+    void openAtLoginWritesTheAutostartEntry()
+    {
+        AppFixture app;
+        const QString entry = config.filePath(QStringLiteral("autostart/skeldrin.desktop"));
+        SettingsView view(*app.model, app.settings);
+        Switch& login = switchNamed(view, "openAtLogin");
+        QVERIFY(!login.isChecked());
+
+        login.click();
+        QVERIFY(login.isChecked());
+        QVERIFY(LoginItem::isEnabled());
+        const QString text = QString::fromStdString(readText(entry.toStdString()));
+        QVERIFY(text.startsWith(QStringLiteral("[Desktop Entry]\n")));
+        QVERIFY(text.contains(QStringLiteral("Exec=\"") + QCoreApplication::applicationFilePath() + QLatin1Char('"')));
+
+        login.click();
+        QVERIFY(!login.isChecked());
+        QVERIFY(!QFile::exists(entry));
+    }
+
+    void unwritableAutostartFolderShowsTheError_data()
+    {
+        QTest::addColumn<bool>("readOnlyFolder");
+        QTest::newRow("read-only folder") << true;
+        QTest::newRow("a file where the folder goes") << false;
+    }
+    void unwritableAutostartFolderShowsTheError()
+    {
+        QFETCH(bool, readOnlyFolder);
+        if (readOnlyFolder && geteuid() == 0) QSKIP("root writes into read-only folders");
+        AppFixture app;
+        const QString folder = config.filePath(QStringLiteral("autostart"));
+        QDir(folder).removeRecursively();
+        QFile::remove(folder);
+        if (readOnlyFolder) {
+            QDir().mkpath(folder);
+            QVERIFY(::chmod(folder.toLocal8Bit().constData(), 0555) == 0);
+        } else {
+            writeText(folder.toStdString(), "not a folder");
+        }
+        SettingsView view(*app.model, app.settings);
+        Switch& login = switchNamed(view, "openAtLogin");
+        login.click();
+        if (readOnlyFolder) ::chmod(folder.toLocal8Bit().constData(), 0755);
+        QFile::remove(folder);
+        QVERIFY(!login.isChecked()); // snapped back to what is really there
+        auto* error = view.findChild<QLabel*>(QStringLiteral("loginError"));
+        QVERIFY(!error->isHidden());
+        QVERIFY(error->text().startsWith(QStringLiteral("Couldn't ")));
+        QVERIFY(error->text().contains(folder));
+    }
+};
+
+QTEST_MAIN(SettingsViewTests)
+#include "SettingsViewTests.moc"
