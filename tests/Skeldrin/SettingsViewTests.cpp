@@ -29,7 +29,7 @@ class SettingsViewTests : public QObject {
 
     QTemporaryDir config;
 
-private Q_SLOTS:
+  private Q_SLOTS:
     void initTestCase()
     {
         // The autostart entry goes under $XDG_CONFIG_HOME: a temporary one, never the user's.
@@ -47,7 +47,8 @@ private Q_SLOTS:
         QTest::newRow("exactly fits on the right") << QRectF(908, 200, 300, 400) << QPointF(1220, 200);
         QTest::newRow("near the bottom: pushed up") << QRectF(400, 700, 300, 150) << QPointF(712, 600);
         QTest::newRow("above the visible top: pushed down") << QRectF(400, 0, 300, 150) << QPointF(712, 25);
-        QTest::newRow("no room on either side: at the left edge") << QRectF(100, 200, 1250, 400) << QPointF(0, 200);
+        QTest::newRow("no room on either side: at the left edge")
+            << QRectF(100, 200, 1250, 400) << QPointF(0, 200);
     }
     void colorPanelPlacement()
     {
@@ -87,7 +88,8 @@ private Q_SLOTS:
         switchNamed(view, "claudeCode").click();
         QVERIFY(!switchNamed(view, "claudeCode").isChecked());
         QCOMPARE(app.alerts.shown.size(), 1);
-        QVERIFY(app.alerts.shown.front().startsWith(QStringLiteral("Couldn't update Claude Code settings | ")));
+        QVERIFY(
+            app.alerts.shown.front().startsWith(QStringLiteral("Couldn't update Claude Code settings | ")));
     }
 
     void compactAndHeadlinesFollowTheirSources()
@@ -126,7 +128,8 @@ private Q_SLOTS:
         QVERIFY(!app.settings.contains(QStringLiteral("color.running")));
 
         view.findChild<QPushButton*>(QStringLiteral("reset"))->click();
-        for (Status s : allStatuses) QVERIFY(!app.settings.contains(Palette::key(s)));
+        for (Status s : allStatuses)
+            QVERIFY(!app.settings.contains(Palette::key(s)));
     }
 
     void openAtLoginWritesTheAutostartEntry()
@@ -142,7 +145,8 @@ private Q_SLOTS:
         QVERIFY(LoginItem::isEnabled());
         const QString text = QString::fromStdString(readText(entry.toStdString()));
         QVERIFY(text.startsWith(QStringLiteral("[Desktop Entry]\n")));
-        QVERIFY(text.contains(QStringLiteral("Exec=\"") + QCoreApplication::applicationFilePath() + QLatin1Char('"')));
+        QVERIFY(text.contains(QStringLiteral("Exec=\"") + QCoreApplication::applicationFilePath() +
+                              QLatin1Char('"')));
 
         login.click();
         QVERIFY(!login.isChecked());

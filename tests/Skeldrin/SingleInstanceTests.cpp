@@ -41,13 +41,15 @@ class SingleInstanceTests : public QObject {
 
     QVariant widgetVisible() const
     {
-        QSettings settings(home.filePath(QStringLiteral("config/Skeldrin/Skeldrin.conf")), QSettings::IniFormat);
+        QSettings settings(home.filePath(QStringLiteral("config/Skeldrin/Skeldrin.conf")),
+                           QSettings::IniFormat);
         return settings.value(QStringLiteral("widget.visible"));
     }
 
     void setWidgetHidden()
     {
-        QSettings settings(home.filePath(QStringLiteral("config/Skeldrin/Skeldrin.conf")), QSettings::IniFormat);
+        QSettings settings(home.filePath(QStringLiteral("config/Skeldrin/Skeldrin.conf")),
+                           QSettings::IniFormat);
         settings.setValue(QStringLiteral("widget.visible"), false);
     }
 
@@ -63,12 +65,12 @@ class SingleInstanceTests : public QObject {
         QTRY_COMPARE_WITH_TIMEOUT(widgetVisible().toString(), QStringLiteral("true"), 20000);
     }
 
-private Q_SLOTS:
+  private Q_SLOTS:
     void secondStartHandsOverAndAStaleSocketIsTakenOver()
     {
         QDir().mkpath(home.filePath(QStringLiteral("run")));
-        QFile::setPermissions(home.filePath(QStringLiteral("run")), QFileDevice::ReadOwner | QFileDevice::WriteOwner |
-                                                                        QFileDevice::ExeOwner);
+        QFile::setPermissions(home.filePath(QStringLiteral("run")),
+                              QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
         auto first = start();
         QTRY_VERIFY_WITH_TIMEOUT(locked(), 20000);
         expectHandOver(*first);
