@@ -10,6 +10,7 @@
 #include "Skeldrin/ui/SettingsView.h"
 #include "Skeldrin/ui/SingleInstance.h"
 #include "Skeldrin/ui/StatusBarController.h"
+#include "Skeldrin/ui/Theme.h"
 #include "Skeldrin/ui/WidgetPanel.h"
 
 #include <QApplication>
@@ -19,7 +20,6 @@
 #include <QMessageBox>
 #include <QMoveEvent>
 #include <QScreen>
-#include <QStyleFactory>
 #include <QSystemTrayIcon>
 #include <QVBoxLayout>
 #include <stdexcept>
@@ -27,31 +27,6 @@
 Q_LOGGING_CATEGORY(lcApp, "app.skeldrin.app")
 
 namespace skeldrin {
-
-namespace {
-
-QPalette darkPalette()
-{
-    QPalette p;
-    const QColor window(0x24, 0x24, 0x26), base(0x1C, 0x1C, 0x1E), text(0xF2, 0xF2, 0xF7);
-    p.setColor(QPalette::Window, window);
-    p.setColor(QPalette::WindowText, text);
-    p.setColor(QPalette::Base, base);
-    p.setColor(QPalette::AlternateBase, window);
-    p.setColor(QPalette::Text, text);
-    p.setColor(QPalette::Button, QColor(0x3A, 0x3A, 0x3C));
-    p.setColor(QPalette::ButtonText, text);
-    p.setColor(QPalette::Highlight, QColor(0x0A, 0x84, 0xFF));
-    p.setColor(QPalette::HighlightedText, Qt::white);
-    p.setColor(QPalette::ToolTipBase, base);
-    p.setColor(QPalette::ToolTipText, text);
-    p.setColor(QPalette::Disabled, QPalette::Text, QColor(0x8E, 0x8E, 0x93));
-    p.setColor(QPalette::Disabled, QPalette::WindowText, QColor(0x8E, 0x8E, 0x93));
-    p.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(0x8E, 0x8E, 0x93));
-    return p;
-}
-
-} // namespace
 
 void MessageBoxAlerts::showError(const QString& title, const QString& text)
 {
@@ -130,8 +105,7 @@ void AppDelegate::showSettings()
         auto* window = new QWidget(nullptr, Qt::Window | Qt::WindowTitleHint | Qt::WindowCloseButtonHint |
                                                 Qt::CustomizeWindowHint);
         window->setWindowTitle(QStringLiteral("Skeldrin"));
-        window->setStyle(QStyleFactory::create(QStringLiteral("Fusion")));
-        window->setPalette(darkPalette());
+        Theme::makeDark(*window);
         window->setAutoFillBackground(true);
         auto* layout = new QVBoxLayout(window);
         layout->setContentsMargins(6, 2, 6, 4);

@@ -4,6 +4,7 @@
 #include "Skeldrin/model/Palette.h"
 #include "Skeldrin/model/SessionsModel.h"
 #include "Skeldrin/platform/LoginItem.h"
+#include "Skeldrin/ui/Theme.h"
 
 #include <QColorDialog>
 #include <QHBoxLayout>
@@ -254,6 +255,7 @@ void SettingsView::pickColor(Status status)
         colorPanel_->setOption(QColorDialog::ShowAlphaChannel, false);
         colorPanel_->setOption(QColorDialog::NoButtons, true);
         colorPanel_->setModal(false);
+        Theme::makeDark(*colorPanel_);
         connect(colorPanel_, &QColorDialog::currentColorChanged, this,
                 [this](const QColor& colour) { Palette::setColor(editing_, colour, settings_); });
     }

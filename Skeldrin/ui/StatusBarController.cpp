@@ -5,6 +5,7 @@
 #include "Skeldrin/model/SessionsModel.h"
 #include "Skeldrin/model/Updates.h"
 #include "Skeldrin/ui/MenuBarIcon.h"
+#include "Skeldrin/ui/Theme.h"
 #include "Skeldrin/ui/WidgetPanel.h"
 
 #include <QIcon>
@@ -36,6 +37,7 @@ StatusBarController::StatusBarController(SessionsModel& model, Updates& updates,
     , menu_(std::make_unique<QMenu>())
     , tray_(new QSystemTrayIcon(this))
 {
+    Theme::makeDark(*menu_);
     tray_->setContextMenu(menu_.get());
     connect(menu_.get(), &QMenu::aboutToShow, this, &StatusBarController::rebuildMenu);
     // A left click opens the same menu, as the status item does.
