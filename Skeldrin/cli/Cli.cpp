@@ -31,7 +31,7 @@ Commands:
   --help                      show this help
   --version                   show the version
 
-Without a command, shows this help.
+Without a command, starts the desktop app (tray icon and widget).
 )";
 
 class UsageError : public std::runtime_error {
