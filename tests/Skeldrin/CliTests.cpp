@@ -476,7 +476,7 @@ class CliTests : public QObject {
 
     void usage()
     {
-        const Outcome help = skeldrin({});
+        const Outcome help = skeldrin({QStringLiteral("--help")}); // with no arguments it is the app
         QCOMPARE(help.exitCode, 0);
         QVERIFY(help.out.contains("Usage: skeldrin"));
         QCOMPARE(skeldrin({QStringLiteral("--version")}).out, QByteArray("skeldrin " SKELDRIN_VERSION "\n"));
