@@ -8,6 +8,7 @@
 #include "Skeldrin/ui/Theme.h"
 #include "Skeldrin/ui/WidgetPanel.h"
 
+#include <QGuiApplication>
 #include <QIcon>
 #include <QLoggingCategory>
 #include <QMenu>
@@ -40,10 +41,12 @@ StatusBarController::StatusBarController(SessionsModel& model, Updates& updates,
     Theme::makeDark(*menu_);
     tray_->setContextMenu(menu_.get());
     connect(menu_.get(), &QMenu::aboutToShow, this, &StatusBarController::rebuildMenu);
-    // A left click opens the same menu, as the status item does.
-    connect(tray_, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
-        if (reason == QSystemTrayIcon::Trigger) menu_->popup(QCursor::pos());
-    });
+    // A left click opens the same menu, as the status item does; macOS does that itself.
+    if (QGuiApplication::platformName() != QLatin1String("cocoa")) {
+        connect(tray_, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+            if (reason == QSystemTrayIcon::Trigger) menu_->popup(QCursor::pos());
+        });
+    }
 
     for (auto signal : {&SessionsModel::storedChanged, &SessionsModel::backgroundTasksChanged,
                         &SessionsModel::foldedRunsChanged, &SessionsModel::transcriptTitlesChanged})

@@ -2,6 +2,7 @@
 // The tray item: the icon with the most urgent colour in its notch, its tooltip, and the menu rebuilt
 // each time it opens.
 #include "Skeldrin/ui/TrayMenu.h"
+#include "Skeldrin/ui/WidgetPanel.h"
 
 #include <QImage>
 #include <QObject>
@@ -16,15 +17,12 @@ namespace skeldrin {
 class AppSettings;
 class SessionsModel;
 class Updates;
-class WidgetPanel;
 
 class StatusBarController : public QObject {
     Q_OBJECT
   public:
-    struct Callbacks {
-        std::function<void()> openSettings;
-        std::function<void()> quit;
-    };
+    // The same two actions the widget's menu offers.
+    using Callbacks = WidgetPanel::Callbacks;
 
     // `artwork` is the "StatusIcon" image (see MenuBarIcon::artwork()).
     StatusBarController(SessionsModel& model, Updates& updates, WidgetPanel& widget, AppSettings& settings,
