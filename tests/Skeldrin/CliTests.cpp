@@ -68,7 +68,7 @@ QString withoutEscapes(QString text)
 class CliTests : public QObject {
     Q_OBJECT
 
-  private:
+private:
     std::unique_ptr<QTemporaryDir> home_;
     std::vector<std::unique_ptr<QProcess>> standIns_;
 
@@ -159,7 +159,7 @@ class CliTests : public QObject {
         return true;
     }
 
-  private Q_SLOTS:
+private Q_SLOTS:
     void init()
     {
         home_ = std::make_unique<QTemporaryDir>();
@@ -179,11 +179,11 @@ class CliTests : public QObject {
     void statusListsSessionsWithTheirRolesShadesAndNames()
     {
         hook(payload(QStringLiteral("UserPromptSubmit"), QStringLiteral("main-run"),
-                     QStringLiteral(R"(,"prompt":"fix the build")")));
+                   QStringLiteral(R"(,"prompt":"fix the build")")));
         hook(payload(QStringLiteral("SessionStart"), QStringLiteral("main-wait"),
-                     QStringLiteral(R"(,"session_title":"Deploy")")));
+                   QStringLiteral(R"(,"session_title":"Deploy")")));
         hook(payload(QStringLiteral("PermissionRequest"), QStringLiteral("main-wait"),
-                     QStringLiteral(R"(,"tool_name":"Bash","tool_input":{"command":"ls"})")));
+                   QStringLiteral(R"(,"tool_name":"Bash","tool_input":{"command":"ls"})")));
         const qint64 childClaude = standIn(QStringLiteral("main-wait"));
         QVERIFY(childClaude > 0);
         hook(payload(QStringLiteral("Stop"), QStringLiteral("child")), withClaudePid(childClaude));
@@ -205,7 +205,7 @@ class CliTests : public QObject {
                        "\n");
         }
         hook(payload(QStringLiteral("Stop"), QStringLiteral("bg-parent"),
-                     QStringLiteral(R"(,"transcript_path":"%1")").arg(transcript)));
+                   QStringLiteral(R"(,"transcript_path":"%1")").arg(transcript)));
         const qint64 orphanClaude = standIn(QStringLiteral("gone-parent"));
         QVERIFY(orphanClaude > 0);
         hook(payload(QStringLiteral("Stop"), QStringLiteral("orphan")), withClaudePid(orphanClaude));
@@ -255,7 +255,7 @@ class CliTests : public QObject {
 
         // A second approval in the same turn.
         hook(payload(QStringLiteral("PermissionRequest"), QStringLiteral("main-wait"),
-                     QStringLiteral(R"(,"tool_name":"Bash","tool_input":{"command":"rm -r build"})")));
+                   QStringLiteral(R"(,"tool_name":"Bash","tool_input":{"command":"rm -r build"})")));
         status = statusJson();
         QCOMPARE(rowOf(status, "main-wait")["shade"].toString(), QStringLiteral("multiStepWaiting"));
         QCOMPARE(status["mostUrgent"].toString(), QStringLiteral("multiStepWaiting"));
@@ -383,9 +383,9 @@ class CliTests : public QObject {
 
     void transcriptReportsWhatTheTailSays()
     {
-        const Outcome outcome =
-            skeldrin({QStringLiteral("transcript"), QStringLiteral(SKELDRIN_FIXTURES "/cli/transcript.jsonl"),
-                      QStringLiteral("--json")});
+        const Outcome outcome = skeldrin({QStringLiteral("transcript"),
+                                          QStringLiteral(SKELDRIN_FIXTURES "/cli/transcript.jsonl"),
+                                          QStringLiteral("--json")});
         QCOMPARE(outcome.exitCode, 0);
         const QJsonObject tail = QJsonDocument::fromJson(outcome.out).object();
         QCOMPARE(tail["title"].toString(), QStringLiteral("Release checklist"));
@@ -480,9 +480,9 @@ class CliTests : public QObject {
         QCOMPARE(help.exitCode, 0);
         QVERIFY(help.out.contains("Usage: skeldrin"));
         QCOMPARE(skeldrin({QStringLiteral("--version")}).out, QByteArray("skeldrin " SKELDRIN_VERSION "\n"));
-        for (const QStringList& wrong :
-             {QStringList{"frobnicate"}, QStringList{"status", "--verbose"}, QStringList{"transcript"},
-              QStringList{"hooks", "--json"}, QStringList{"--nope"}, QStringList{"status", "extra"}}) {
+        for (const QStringList& wrong : {QStringList{"frobnicate"}, QStringList{"status", "--verbose"},
+                                         QStringList{"transcript"}, QStringList{"hooks", "--json"},
+                                         QStringList{"--nope"}, QStringList{"status", "extra"}}) {
             const Outcome outcome = skeldrin(wrong);
             QCOMPARE(outcome.exitCode, 2);
             QCOMPARE(outcome.out, QByteArray());

@@ -6,8 +6,7 @@ using namespace skeldrin;
 
 namespace {
 
-Session make(const std::string& id, std::optional<std::string> parent = std::nullopt,
-             Status status = Status::ready)
+Session make(const std::string& id, std::optional<std::string> parent = std::nullopt, Status status = Status::ready)
 {
     Session s(id, "claude", "/w/" + id, {}, std::nullopt, Date{});
     s.parentId = std::move(parent);
@@ -30,7 +29,7 @@ std::string describe(const std::vector<ListedSession>& rows)
 
 class SessionListTests : public QObject {
     Q_OBJECT
-  private Q_SLOTS:
+private Q_SLOTS:
     void ordersParentsBeforeChildrenAndDetachedLast()
     {
         Session sdk = make("sdk");
@@ -39,14 +38,8 @@ class SessionListTests : public QObject {
         notSdk.origin.entrypoint = "cli-sdk-x"; // contains sdk- but does not begin with it
         Session sdkChild = make("sdkkid", "a");
         sdkChild.origin.entrypoint = "sdk-py";
-        const std::vector<Session> input{make("orphan", "gone"),
-                                         make("b1", "b"),
-                                         make("a"),
-                                         make("a1", "a"),
-                                         make("a11", "a1"),
-                                         sdk,
-                                         make("b"),
-                                         notSdk,
+        const std::vector<Session> input{make("orphan", "gone"), make("b1", "b"), make("a"),  make("a1", "a"),
+                                         make("a11", "a1"),      sdk,             make("b"),  notSdk,
                                          sdkChild};
         const auto rows = SessionList::arrange(input, {});
         QCOMPARE(describe(rows), std::string("a:m a1:c a11:c sdkkid:c b:m b1:c late:m orphan:d sdk:d"));
@@ -86,8 +79,7 @@ class SessionListTests : public QObject {
 
     void runRowsWithTheSameIdCollide()
     {
-        const auto rows =
-            SessionList::arrange({make("a"), make("b"), make("task-1", "a"), make("task-1", "b")}, {});
+        const auto rows = SessionList::arrange({make("a"), make("b"), make("task-1", "a"), make("task-1", "b")}, {});
         QCOMPARE(describe(rows), std::string("a:m task-1:c b:m"));
         QCOMPARE(rows[2].runCount, 1); // b still counts its run
     }

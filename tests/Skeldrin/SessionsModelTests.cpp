@@ -16,23 +16,17 @@ using namespace std::chrono;
 
 namespace {
 
-Date realNow()
-{
-    return time_point_cast<microseconds>(system_clock::now());
-}
+Date realNow() { return time_point_cast<microseconds>(system_clock::now()); }
 
 class TestClock : public Clock {
-  public:
+public:
     Date now() const override { return realNow() + offset; }
     microseconds offset{0};
 };
 
 class TestProcesses : public ProcessTable {
-  public:
-    bool isAlive(const ProcessRef& p) const override
-    {
-        return alive.count(p.pid) && alive.at(p.pid) == p.startTime;
-    }
+public:
+    bool isAlive(const ProcessRef& p) const override { return alive.count(p.pid) && alive.at(p.pid) == p.startTime; }
     std::optional<std::string> executablePath(std::int32_t pid) const override
     {
         if (!alive.count(pid)) return std::nullopt;
@@ -42,7 +36,7 @@ class TestProcesses : public ProcessTable {
 };
 
 class TestJumper : public Jumper {
-  public:
+public:
     void jump(const Session& s) override
     {
         jumped.push_back(s.id);
@@ -53,7 +47,7 @@ class TestJumper : public Jumper {
 };
 
 class TestAlerts : public Alerts {
-  public:
+public:
     void showError(const QString& title, const QString& text) override { shown << title + " | " + text; }
     QStringList shown;
 };
@@ -95,8 +89,9 @@ class SessionsModelTests : public QObject {
                                          std::function<void(Headliner::Outcome)> done) {
                 headlineRequests.push_back({r, std::move(done)});
             };
-            deps.claudeLocator = [this](const QStringList&, QObject*,
-                                        std::function<void(std::optional<QString>)> d) { d(locatedClaude); };
+            deps.claudeLocator = [this](const QStringList&, QObject*, std::function<void(std::optional<QString>)> d) {
+                d(locatedClaude);
+            };
         }
         return std::make_unique<SessionsModel>(*store, std::move(deps));
     }
@@ -125,12 +120,11 @@ class SessionsModelTests : public QObject {
     static std::string ids(const std::vector<ListedSession>& rows)
     {
         std::string out;
-        for (const auto& r : rows)
-            out += (out.empty() ? "" : " ") + r.id();
+        for (const auto& r : rows) out += (out.empty() ? "" : " ") + r.id();
         return out;
     }
 
-  private Q_SLOTS:
+private Q_SLOTS:
     void init()
     {
         temp = std::make_unique<QTemporaryDir>();
@@ -157,8 +151,7 @@ class SessionsModelTests : public QObject {
         model->reload();
         QCOMPARE(changed.count(), 1);
         std::string order;
-        for (const auto& s : model->stored())
-            order += s.id;
+        for (const auto& s : model->stored()) order += s.id;
         QCOMPARE(order, std::string("cab")); // oldest first, equal starts by id
 
         // Rewriting a file with the same content changes nothing.
@@ -209,18 +202,12 @@ class SessionsModelTests : public QObject {
         const std::string older = formatIso8601(realNow() - hours(5));
         const auto transcript = writeTranscript(
             "t.jsonl",
-            R"({"type":"custom-title","customTitle":"Ship it"})"
-            "\n"
-            R"({"type":"assistant","timestamp":")" +
-                older +
-                R"(","message":{"content":[{"type":"tool_use","id":"old","name":"Bash","input":{"command":"sleep 1","run_in_background":true}}]}})"
-                "\n"
-                R"({"type":"assistant","timestamp":")" +
-                started +
-                R"(","message":{"content":[{"type":"tool_use","id":"t1","name":"Bash","input":{"command":"npm run dev","run_in_background":true}}]}})"
-                "\n"
-                R"({"type":"user","message":{"content":[{"type":"tool_result","tool_use_id":"t1","content":"Command running in background with ID: b1. timeout 600000ms"}]}})"
-                "\n");
+            R"({"type":"custom-title","customTitle":"Ship it"})" "\n"
+            R"({"type":"assistant","timestamp":")" + older +
+                R"(","message":{"content":[{"type":"tool_use","id":"old","name":"Bash","input":{"command":"sleep 1","run_in_background":true}}]}})" "\n"
+            R"({"type":"assistant","timestamp":")" + started +
+                R"(","message":{"content":[{"type":"tool_use","id":"t1","name":"Bash","input":{"command":"npm run dev","run_in_background":true}}]}})" "\n"
+            R"({"type":"user","message":{"content":[{"type":"tool_result","tool_use_id":"t1","content":"Command running in background with ID: b1. timeout 600000ms"}]}})" "\n");
         put("s", 60, [&](Session& s) {
             s.transcriptPath = transcript.string();
             s.process = ProcessRef{77, secondsSince1970(realNow() - hours(1))};
@@ -258,8 +245,7 @@ class SessionsModelTests : public QObject {
         const std::string stamp = formatIso8601(realNow() + seconds(5));
         const auto transcript = writeTranscript(
             "i.jsonl", R"({"type":"user","timestamp":")" + stamp +
-                           R"(","message":{"content":"[Request interrupted by user for tool use]"}})"
-                           "\n");
+                           R"(","message":{"content":"[Request interrupted by user for tool use]"}})" "\n");
         put("run", 60, [&](Session& s) {
             s.transcriptPath = transcript.string();
             s.phase = Phase::running;
@@ -279,8 +265,7 @@ class SessionsModelTests : public QObject {
 
     void unchangedTranscriptsAreNotReadAgain()
     {
-        const auto transcript = writeTranscript("u.jsonl", R"({"type":"ai-title","aiTitle":"First"})"
-                                                           "\n");
+        const auto transcript = writeTranscript("u.jsonl", R"({"type":"ai-title","aiTitle":"First"})" "\n");
         const auto old = fs::last_write_time(transcript) - hours(1);
         fs::last_write_time(transcript, old);
         put("s", 60, [&](Session& s) { s.transcriptPath = transcript.string(); });
@@ -289,8 +274,7 @@ class SessionsModelTests : public QObject {
         model->readTranscripts();
         QCOMPARE(model->transcriptTitles().at("s"), std::string("First"));
 
-        std::ofstream(transcript) << R"({"type":"ai-title","aiTitle":"Second"})"
-                                     "\n";
+        std::ofstream(transcript) << R"({"type":"ai-title","aiTitle":"Second"})" "\n";
         fs::last_write_time(transcript, old); // same time: taken as unchanged
         model->readTranscripts();
         QCOMPARE(model->transcriptTitles().at("s"), std::string("First"));
@@ -335,8 +319,7 @@ class SessionsModelTests : public QObject {
         auto model = makeModel();
         model->reload();
         const auto rows = model->list();
-        for (const auto& row : rows)
-            model->jump(row);
+        for (const auto& row : rows) model->jump(row);
         QVERIFY(read("ready")->seenAt);
         QVERIFY(!read("waiting")->seenAt);
         QVERIFY(!read("ended"));
@@ -348,10 +331,8 @@ class SessionsModelTests : public QObject {
         put("other", 5, [](Session& s) { s.title = "Other work"; });
         model->reload();
         model->jump(model->list().back());
-        QCOMPARE(
-            alerts.shown,
-            QStringList{
-                "Couldn't open Other work | The app that started this session (com.x) isn't installed."});
+        QCOMPARE(alerts.shown,
+                 QStringList{"Couldn't open Other work | The app that started this session (com.x) isn't installed."});
         QVERIFY(!read("other")->seenAt);
     }
 
@@ -402,8 +383,7 @@ class SessionsModelTests : public QObject {
     void connectingAndDisconnectingClaudeCode()
     {
         fs::create_directories(claudeSettings.parent_path());
-        std::ofstream(claudeSettings)
-            << R"({"model":"opus","hooks":{"Stop":[{"hooks":[{"type":"command","command":"say done"}]}]}})";
+        std::ofstream(claudeSettings) << R"({"model":"opus","hooks":{"Stop":[{"hooks":[{"type":"command","command":"say done"}]}]}})";
         auto model = makeModel();
         QSignalSpy changed(model.get(), &SessionsModel::hookStateChanged);
         model->refreshHookState();
@@ -443,8 +423,7 @@ class SessionsModelTests : public QObject {
         QCOMPARE(read("h1")->headline, std::optional<std::string>("Faster parser"));
         QCOMPARE(read("h1")->headlinePrompt, read("h1")->lastPrompt);
         headlineRequests[1].done(Headliner::Failure{Headliner::Failure::Kind::claudeFailed, "exit status 2"});
-        QCOMPARE(*model->headlineError(),
-                 QStringLiteral("Claude Code couldn't write a headline: exit status 2"));
+        QCOMPARE(*model->headlineError(), QStringLiteral("Claude Code couldn't write a headline: exit status 2"));
         model->reload(); // h1's new headline: the third request starts, the failed one is not retried
         QCOMPARE(headlineRequests.size(), std::size_t(3));
         QCOMPARE(headlineRequests[2].request.project, QStringLiteral("h3"));
@@ -488,7 +467,7 @@ class SessionsModelTests : public QObject {
         const auto ref = ProcessInspector::ref(child);
         QVERIFY(ref);
         QVERIFY(table->isAlive(*ref));
-        QVERIFY(table->isAlive(*ref));                                      // now answered by its pidfd
+        QVERIFY(table->isAlive(*ref)); // now answered by its pidfd
         QVERIFY(!table->isAlive(ProcessRef{ref->pid, ref->startTime + 1})); // same pid, another process
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
