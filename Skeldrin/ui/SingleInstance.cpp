@@ -3,6 +3,7 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QLoggingCategory>
@@ -32,10 +33,11 @@ QString runtimeFolder()
 SingleInstance::SingleInstance(const QString& storeDirectory, QObject* parent)
     : QObject(parent)
 {
+    // The same store reached through a symbolic link is still the same store.
+    const QString canonical = QFileInfo(storeDirectory).canonicalFilePath();
+    const QString store = canonical.isEmpty() ? QDir::cleanPath(storeDirectory) : canonical;
     const QByteArray digest =
-        QCryptographicHash::hash(QDir::cleanPath(storeDirectory).toUtf8(), QCryptographicHash::Sha1)
-            .toHex()
-            .left(16);
+        QCryptographicHash::hash(store.toUtf8(), QCryptographicHash::Sha1).toHex().left(16);
     name_ = runtimeFolder() + QStringLiteral("/skeldrin-") + QString::fromLatin1(digest);
 }
 
