@@ -50,6 +50,9 @@ bool AppDelegate::start()
         throw std::runtime_error("The \"StatusIcon\" artwork is missing from this build of Skeldrin.");
 
     SessionStore store = SessionStore::defaultStore();
+    // Made now, so that every start names the store by the same real path.
+    std::error_code ignored;
+    std::filesystem::create_directories(store.directory(), ignored);
     // Two instances never run against one store: a second start hands over and leaves.
     instance_ = std::make_unique<SingleInstance>(QString::fromStdString(store.directory().string()));
     settings_ = std::make_unique<AppSettings>();
