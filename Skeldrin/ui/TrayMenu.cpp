@@ -136,7 +136,7 @@ void fillMenu(QMenu& menu, const std::vector<TrayMenuItem>& items,
             menu.addSeparator();
             continue;
         }
-        // A menu has no indentation level of its own; an em space per level stands in.
+        // A menu has no indentation level of its own; two em spaces a level stand in.
         QAction* action = menu.addAction(QString(item.indentation * 2, QChar(0x2003)) + item.title);
         action->setEnabled(item.enabled);
         if (item.dot)
