@@ -97,12 +97,26 @@ QList<qint64> versionPieces(const QString& text)
     return pieces;
 }
 
+// The status of a final answer other than 200; nothing when the transfer itself failed (a request that
+// timed out after a redirect still carries the redirect's status).
+std::optional<int> unexpectedStatus(QNetworkReply* reply)
+{
+    const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+    const bool transferFailed = reply->property(kRefusedRedirect).isValid() ||
+                                reply->property(kFailure).isValid() ||
+                                (reply->error() != QNetworkReply::NoError && reply->error() < 200);
+    if (transferFailed || !status.isValid() || status.toInt() == 200) return std::nullopt;
+    return status.toInt();
+}
+
 // Why a finished reply failed, or nothing when it brought a complete 200 answer.
 std::optional<QString> replyFailure(QNetworkReply* reply)
 {
     if (const QVariant refused = reply->property(kRefusedRedirect); refused.isValid())
         return QStringLiteral("refused the redirect to %1").arg(refused.toUrl().toDisplayString());
     if (const QVariant failure = reply->property(kFailure); failure.isValid()) return failure.toString();
+    if (const std::optional<int> status = unexpectedStatus(reply))
+        return QStringLiteral("the server answered %1").arg(*status);
     if (reply->error() != QNetworkReply::NoError) return reply->errorString();
     return std::nullopt;
 }
@@ -204,10 +218,19 @@ QNetworkReply* Updates::get(const QUrl& url, std::chrono::milliseconds timeout)
     request.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
                          QNetworkRequest::UserVerifiedRedirectPolicy);
-    request.setTransferTimeout(int(timeout.count()));
     request.setHeader(QNetworkRequest::UserAgentHeader,
                       QStringLiteral("Skeldrin/%1").arg(deps_.currentVersion));
     QNetworkReply* reply = network_->get(request);
+    // Silence for the whole timeout ends the request; every sign of life restarts the clock.
+    auto* idle = new QTimer(reply);
+    idle->setSingleShot(true);
+    idle->setInterval(timeout);
+    connect(idle, &QTimer::timeout, reply, [reply, timeout] {
+        abortWith(reply, QStringLiteral("no answer for %1 seconds").arg(double(timeout.count()) / 1000.0));
+    });
+    connect(reply, &QNetworkReply::metaDataChanged, idle, qOverload<>(&QTimer::start));
+    connect(reply, &QNetworkReply::downloadProgress, idle, qOverload<>(&QTimer::start));
+    idle->start();
     // A redirect must lead somewhere we would have asked ourselves.
     connect(reply, &QNetworkReply::redirected, reply, [reply](const QUrl& to) {
         if (mayFetch(to)) {
@@ -247,14 +270,12 @@ void Updates::check()
 
 void Updates::checkEnded(QNetworkReply* reply)
 {
-    std::optional<QString> failure;
-    const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-    if (!reply->property(kRefusedRedirect).isValid() && status.isValid() && status.toInt() != 200) {
-        qCWarning(lcUpdates, "version check answered %d", status.toInt());
+    if (const std::optional<int> status = unexpectedStatus(reply)) {
+        qCWarning(lcUpdates, "version check answered %d", *status);
         endCheck(reply, std::nullopt);
         return;
     }
-    failure = replyFailure(reply);
+    std::optional<QString> failure = replyFailure(reply);
     if (!failure) {
         try {
             checkBody_ += reply->read(kManifestCap + 1 - checkBody_.size());
@@ -341,9 +362,6 @@ void Updates::downloadEnded(QNetworkReply* reply, const UpdateManifest& manifest
     std::unique_ptr<QSaveFile> file(std::exchange(download_, nullptr));
 
     std::optional<QString> failure = replyFailure(reply);
-    const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-    if (!failure && status.toInt() != 200)
-        failure = QStringLiteral("the server answered %1").arg(status.toInt());
     if (!failure) {
         const QByteArray rest = reply->readAll();
         if (file->write(rest) != rest.size() || !file->commit()) failure = file->errorString();
@@ -411,6 +429,7 @@ void Updates::pollInstalled()
         readingInstalled_ = false;
         if (!installWatch_ || !version || !installTarget_ || AppVersion::isOlder(*version, *installTarget_))
             return;
+        installWatch_->stop();
         installWatch_->deleteLater();
         installWatch_ = nullptr;
         relaunch();
