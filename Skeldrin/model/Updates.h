@@ -41,7 +41,7 @@ bool isOlder(const QString& a, const QString& than);
 
 class Updates : public QObject {
     Q_OBJECT
-  public:
+public:
     // What the updater asks of the world; the defaults (systemDependencies()) are the real ones.
     struct Dependencies {
         QString baseAddress; // the site's root; empty: never touch the network
@@ -66,7 +66,7 @@ class Updates : public QObject {
     static Dependencies systemDependencies();
 
     explicit Updates(QObject* parent = nullptr);
-    Updates(Dependencies dependencies, QObject* parent = nullptr);
+    explicit Updates(Dependencies dependencies, QObject* parent = nullptr);
     ~Updates() override;
 
     // The pending update; none when up to date.
@@ -84,19 +84,19 @@ class Updates : public QObject {
     void finishWhenInstalled();
     void relaunch();
 
-  Q_SIGNALS:
+Q_SIGNALS:
     void requiredChanged();
     void downloadingChanged();
     void awaitingInstallChanged();
     // One check has ended, whatever its outcome (for tests and the command line).
     void checkFinished();
 
-  protected:
+protected:
     std::optional<UpdateManifest> required_;
     bool downloading_ = false;
     bool awaitingInstall_ = false;
 
-  private:
+private:
     void setRequired(std::optional<UpdateManifest> manifest);
     void setDownloading(bool downloading);
     void setAwaitingInstall(bool awaiting);

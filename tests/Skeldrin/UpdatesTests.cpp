@@ -89,7 +89,7 @@ void checkOnce(Updates& updates)
 
 class UpdatesTests : public QObject {
     Q_OBJECT
-  private Q_SLOTS:
+private Q_SLOTS:
     void versionOrder_data();
     void versionOrder();
     void manifestDecoding_data();

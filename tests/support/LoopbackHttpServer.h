@@ -16,7 +16,7 @@
 namespace skeldrin::test {
 
 class LoopbackHttpServer {
-  public:
+public:
     struct Response {
         enum class Ending { complete, silent, cutShort };
         int status = 200;
@@ -45,7 +45,7 @@ class LoopbackHttpServer {
     // The paths asked for, in order.
     const QStringList& requests() const { return requests_; }
 
-  private:
+private:
     void accept()
     {
         while (QTcpSocket* socket = server_.nextPendingConnection()) {

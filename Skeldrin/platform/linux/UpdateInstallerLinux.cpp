@@ -45,6 +45,7 @@ QString updateDownloadFolder()
         .filePath(QStringLiteral("skeldrin/updates"));
 }
 
+// Asked once at start-up: after a package replaces the file, /proc/self/exe names it "... (deleted)".
 QString installedCopy()
 {
     return QCoreApplication::applicationFilePath();
