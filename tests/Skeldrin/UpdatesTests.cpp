@@ -98,6 +98,7 @@ private Q_SLOTS:
     void checkOutcome();
     void addresses_data();
     void addresses();
+    void startChecksAtOnceAndAgain();
     void downloadOpensPackageOnceAndReopens();
     void downloadFailureOpensPage_data();
     void downloadFailureOpensPage();
@@ -314,6 +315,21 @@ void UpdatesTests::addresses()
     checkOnce(*updates);
     QCOMPARE(server.requests(), fetches ? QStringList{"/site/version.json"} : QStringList{});
     QCOMPARE(updates->required().has_value(), fetches);
+}
+
+void UpdatesTests::startChecksAtOnceAndAgain()
+{
+    LoopbackHttpServer server;
+    World world;
+    Updates::Dependencies deps = world.dependencies(server.url().toString());
+    deps.checkInterval = 50ms;
+    Updates updates(deps);
+    server.serve("/version.json", ok(manifestJson("1.0.0", QUrl("https://s.example/d"))));
+    updates.start();
+    QTRY_VERIFY_WITH_TIMEOUT(server.requests().size() >= 1, kWaitMs);
+    // A later round finds the release made in between.
+    server.serve("/version.json", ok(manifestJson("2.0.0", QUrl("https://s.example/d"))));
+    QTRY_VERIFY_WITH_TIMEOUT(updates.required().has_value(), kWaitMs);
 }
 
 void UpdatesTests::downloadOpensPackageOnceAndReopens()
