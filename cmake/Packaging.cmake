@@ -70,9 +70,12 @@ if(APPLE AND SKELDRIN_MACOS_BUNDLE)
   set(CPACK_DMG_DISABLE_APPLICATIONS_SYMLINK OFF)
   set(CPACK_SKELDRIN_SOURCE_DIR ${PROJECT_SOURCE_DIR}) # CPack passes on only CPACK_ variables
   set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/SignBundle.cmake)
-elseif(NOT APPLE)
+else()
   include(GNUInstallDirs)
   install(TARGETS skeldrin skeldrin-hook RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+
+if(UNIX AND NOT APPLE)
   install(FILES ${_packaging}/linux/${SKELDRIN_APP_ID}.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
   install(FILES ${_packaging}/linux/${SKELDRIN_APP_ID}.metainfo.xml DESTINATION ${CMAKE_INSTALL_DATADIR}/metainfo)
   install(FILES ${_packaging}/linux/icons/${SKELDRIN_APP_ID}.svg
