@@ -27,6 +27,7 @@ set(CPACK_PACKAGE_DESCRIPTION ${SKELDRIN_DESCRIPTION})
 set(CPACK_PACKAGE_HOMEPAGE_URL ${SKELDRIN_HOMEPAGE})
 set(CPACK_PACKAGE_CONTACT ${SKELDRIN_MAINTAINER})
 set(CPACK_STRIP_FILES ON)
+include(GNUInstallDirs)
 
 if(APPLE AND SKELDRIN_MACOS_BUNDLE)
   # Skeldrin.app/Contents/MacOS/{Skeldrin, skeldrin-hook}: `skeldrin connect` finds the hook beside the app.
@@ -71,7 +72,6 @@ if(APPLE AND SKELDRIN_MACOS_BUNDLE)
   set(CPACK_SKELDRIN_SOURCE_DIR ${PROJECT_SOURCE_DIR}) # CPack passes on only CPACK_ variables
   set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/SignBundle.cmake)
 else()
-  include(GNUInstallDirs)
   install(TARGETS skeldrin skeldrin-hook RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
