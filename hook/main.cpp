@@ -130,8 +130,9 @@ int main(int argc, char**)
     }
 
     if (argc > 1 || ::isatty(STDIN_FILENO)) {
-        writeError("records Claude Code session events for Skeldrin. Claude Code runs it with one hook event "
-                   "as JSON on standard input; install it with `skeldrin connect`.");
+        writeError("records Claude Code session events for Skeldrin " SKELDRIN_VERSION
+                   ". Claude Code runs it with one hook event as JSON on standard input; install it with "
+                   "`skeldrin connect`.");
         return 0;
     }
     try {

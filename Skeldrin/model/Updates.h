@@ -1,48 +1,126 @@
 #pragma once
 // Keeps the application current: a periodic version check, the download, the hand-over to the system's
 // installer, and the relaunch into the installed copy.
+#include <QByteArray>
 #include <QObject>
 #include <QString>
 #include <QUrl>
+#include <chrono>
+#include <functional>
 #include <optional>
+
+class QNetworkAccessManager;
+class QNetworkReply;
+class QSaveFile;
+class QTimer;
 
 namespace skeldrin {
 
-// The site's "version.json": {"latest": "1.4.2", "url": "https://…/Skeldrin.dmg", …}.
+// The site's "version.json":
+//   {"latest": "1.4.2", "url": "https://…/Skeldrin.dmg", "linuxPackage":
+//   "https://…/skeldrin_1.4.2_amd64.deb"}
+// "latest" and "url" are required; "linuxPackage" is optional (a package the desktop's installer opens).
+// Unknown keys are ignored.
 struct UpdateManifest {
     QString latest;
     QUrl url;
-    // The Linux package of that version, when the site offers one (see Updates.cpp for the JSON shape).
     std::optional<QUrl> linuxPackage;
 
     bool operator==(const UpdateManifest&) const = default;
+
+    // Throws std::runtime_error (a sentence) for a body that is not such an object, lacks a required key, has
+    // a key of the wrong type, or a URL that is not http(s).
+    static UpdateManifest decode(const QByteArray& json);
 };
+
+namespace AppVersion {
+// Dotted decimal comparison; empty pieces are dropped, a piece that is not a number (or does not fit in 64
+// bits) counts as 0, missing pieces count as 0. isOlder("1.2", "1.10") is true; "1.2" and "1.2.0" are equal.
+bool isOlder(const QString& a, const QString& than);
+} // namespace AppVersion
 
 class Updates : public QObject {
     Q_OBJECT
 public:
+    // What the updater asks of the world; the defaults (systemDependencies()) are the real ones.
+    struct Dependencies {
+        QString baseAddress; // the site's root; empty: never touch the network
+        QString currentVersion;
+        QString installedCopy;  // the app bundle (macOS) or executable (Linux) that an update replaces
+        QString downloadFolder; // where the package is kept
+        std::function<bool(const QUrl& fileOrPage, QString* error)> open;
+        // Calls back with the installed copy's version, or nothing when it cannot be read.
+        std::function<void(const QString& installedCopy, QObject* context,
+                           std::function<void(std::optional<QString>)> done)>
+            readInstalledVersion;
+        // Starts the installed copy anew; calls back with an error text, or nothing on success.
+        std::function<void(const QString& installedCopy, QObject* context,
+                           std::function<void(std::optional<QString>)> done)>
+            launch;
+        std::function<void()> quit;
+        std::chrono::milliseconds checkTimeout = std::chrono::seconds(60);
+        std::chrono::milliseconds checkInterval = std::chrono::hours(6);
+        std::chrono::milliseconds installPoll = std::chrono::seconds(2);
+    };
+    // The build's SKELDRIN_UPDATE_URL, overridden by the environment variable of the same name.
+    static Dependencies systemDependencies();
+
     explicit Updates(QObject* parent = nullptr);
+    explicit Updates(Dependencies dependencies, QObject* parent = nullptr);
     ~Updates() override;
 
     // The pending update; none when up to date.
     const std::optional<UpdateManifest>& required() const { return required_; }
     bool downloading() const { return downloading_; }
     bool awaitingInstall() const { return awaitingInstall_; }
-    QString currentVersion() const;
+    QString currentVersion() const { return deps_.currentVersion; }
+    // The downloaded package, once complete.
+    const std::optional<QString>& downloadedFile() const { return downloadedFile_; }
 
     void start();
     void check();
     void install();
+    void installedVersion(std::function<void(std::optional<QString>)> done);
+    void finishWhenInstalled();
+    void relaunch();
 
 Q_SIGNALS:
     void requiredChanged();
     void downloadingChanged();
     void awaitingInstallChanged();
+    // One check has ended, whatever its outcome (for tests and the command line).
+    void checkFinished();
 
 protected:
     std::optional<UpdateManifest> required_;
     bool downloading_ = false;
     bool awaitingInstall_ = false;
+
+private:
+    void setRequired(std::optional<UpdateManifest> manifest);
+    void setDownloading(bool downloading);
+    void setAwaitingInstall(bool awaiting);
+    QNetworkReply* get(const QUrl& url, std::chrono::milliseconds timeout);
+    void endCheck(QNetworkReply* reply, const std::optional<QString>& failure);
+    void checkEnded(QNetworkReply* reply);
+    void downloadEnded(QNetworkReply* reply, const UpdateManifest& manifest);
+    void downloadFailed(const QString& why, const UpdateManifest& manifest);
+    void openPage(const QUrl& page);
+    bool openFile(const QString& path, QString* error);
+    void pollInstalled();
+
+    Dependencies deps_;
+    QNetworkAccessManager* network_ = nullptr;
+    QTimer* checking_ = nullptr;
+    QTimer* installWatch_ = nullptr;
+    QNetworkReply* check_ = nullptr;
+    QNetworkReply* downloadReply_ = nullptr;
+    QByteArray checkBody_;
+    QSaveFile* download_ = nullptr;
+    qint64 downloadSize_ = 0;
+    std::optional<QString> downloadedFile_;
+    std::optional<QString> installTarget_;
+    bool readingInstalled_ = false;
 };
 
 } // namespace skeldrin

@@ -5,6 +5,7 @@
 #include "Skeldrin/model/SessionsModel.h"
 #include "Skeldrin/model/Updates.h"
 #include "Skeldrin/platform/AppPlatform.h"
+#include "Skeldrin/platform/Quarantine.h"
 #include "Skeldrin/platform/SystemJumper.h"
 #include "Skeldrin/ui/MenuBarIcon.h"
 #include "Skeldrin/ui/SettingsView.h"
@@ -15,6 +16,7 @@
 
 #include <QApplication>
 #include <QColorDialog>
+#include <QDir>
 #include <QEvent>
 #include <QLoggingCategory>
 #include <QMessageBox>
@@ -60,7 +62,9 @@ bool AppDelegate::start()
     connect(instance_.get(), &SingleInstance::reopenRequested, this, &AppDelegate::reopen);
 
     platform::becomeAccessoryApp();
-    // The updater's Quarantine.clear(own bundle) belongs here, on macOS, before the model starts.
+    // A freshly installed copy starts without the first-launch prompt next time (macOS; nothing on Linux).
+    Quarantine::clear(
+        QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/../.."))); // the bundle
 
     jumper_ = makeSystemJumper();
     SessionsModel::Dependencies deps;
