@@ -98,6 +98,7 @@ int main(int argc, char** argv)
     env.insert("XDG_RUNTIME_DIR", home.filePath("run"));
     env.insert("DISPLAY", display);
     env.insert("DBUS_SESSION_BUS_ADDRESS", address);
+    env.insert("SKELDRIN_UPDATE_URL", QString()); // no update check
     env.remove("QT_QPA_PLATFORM");
     env.remove("WAYLAND_DISPLAY");
     QDir().mkpath(home.filePath("run"));

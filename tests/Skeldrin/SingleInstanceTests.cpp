@@ -19,6 +19,7 @@ class SingleInstanceTests : public QObject {
         env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
         env.insert(QStringLiteral("XDG_RUNTIME_DIR"), home.filePath(QStringLiteral("run")));
         env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+        env.insert(QStringLiteral("SKELDRIN_UPDATE_URL"), QString()); // no update check: no network
         return env;
     }
 

@@ -158,6 +158,7 @@ class TrayProtocolTests : public QObject {
         env.remove(QStringLiteral("WAYLAND_DISPLAY"));
         env.insert(QStringLiteral("DISPLAY"), display);
         env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), busAddress);
+        env.insert(QStringLiteral("SKELDRIN_UPDATE_URL"), QString()); // no update check: no network
         app.setProcessEnvironment(env);
         app.setProcessChannelMode(QProcess::ForwardedChannels);
         app.start(QStringLiteral(SKELDRIN_BIN_DIR "/skeldrin"), {});

@@ -15,6 +15,7 @@ trap cleanup EXIT
 export HOME="$home" XDG_DATA_HOME="$home/data" XDG_CONFIG_HOME="$home/config" XDG_RUNTIME_DIR="$home/run"
 mkdir -m 700 "$XDG_RUNTIME_DIR"
 unset QT_QPA_PLATFORM WAYLAND_DISPLAY DBUS_SESSION_BUS_ADDRESS
+export SKELDRIN_UPDATE_URL=  # no update check
 
 event() { printf '%s' "$1" | TERM_PROGRAM="$2" CLAUDE_PROJECT_DIR="$3" "$bin/skeldrin-hook"; }
 event '{"hook_event_name":"UserPromptSubmit","session_id":"demo-parser","cwd":"/src/parser","prompt":"Stream the input instead of reading it whole"}' iTerm.app /src/parser
