@@ -64,7 +64,7 @@ std::optional<HookEvent::ToolInput> toolInputFrom(const json_scan::Member& membe
     if (member.raw != "{}") throw DecodingError("\"tool_input\" is not a JSON object");
     Json json = Json::object();
     for (const char* key : {"command", "file_path"})
-        if (const auto it = member.members.find(key); it != member.members.end()) json[key] = Json::parse(it->second.raw);
+        if (const auto it = member.members.find(key); it != member.members.end()) json[key] = parseJson(it->second.raw);
     HookEvent::ToolInput input = toolInputFromJson(json);
     if (const auto it = member.members.find("questions"); it != member.members.end() && it->second.raw != "null") {
         if (!it->second.raw.starts_with('[')) throw DecodingError("\"questions\" is not an array");
@@ -77,7 +77,7 @@ HookEvent fromMembers(const std::map<std::string, json_scan::Member>& members)
 {
     Json json = Json::object();
     for (const auto& [key, member] : members)
-        if (key != "tool_input") json[key] = Json::parse(member.raw);
+        if (key != "tool_input") json[key] = parseJson(member.raw);
     HookEvent event = HookEvent::fromJson(json);
     if (const auto it = members.find("tool_input"); it != members.end()) event.toolInput = toolInputFrom(it->second);
     return event;
