@@ -1,6 +1,7 @@
 #include "TrackerCore/JsonScan.h"
 
 #include "TrackerCore/Json.h"
+#include "TrackerCore/Text.h"
 
 #include <algorithm>
 #include <bit>
@@ -24,8 +25,6 @@ inline std::uint64_t specialBytes(std::uint64_t word)
     const std::uint64_t quote = word ^ (ones * '"'), backslash = word ^ (ones * '\\');
     return (((quote - ones) & ~quote) | ((backslash - ones) & ~backslash) | (word - ones * 0x20) | word) & highs;
 }
-
-inline bool isContinuation(unsigned char c) { return (c & 0xC0) == 0x80; }
 
 class Scanner {
 public:
@@ -322,29 +321,11 @@ private:
         }
     }
 
-    // One well-formed UTF-8 sequence (RFC 3629: no overlong forms, no surrogates, nothing above U+10FFFF).
     void utf8()
     {
         available(4);
-        const auto* s = reinterpret_cast<const unsigned char*>(p_);
-        const auto have = static_cast<std::size_t>(end_ - p_);
-        const unsigned char lead = s[0];
-        std::size_t length = 0;
-        unsigned char low = 0x80, high = 0xBF; // the second byte's range
-        if (lead >= 0xC2 && lead <= 0xDF) {
-            length = 2;
-        } else if (lead >= 0xE0 && lead <= 0xEF) {
-            length = 3;
-            if (lead == 0xE0) low = 0xA0;
-            if (lead == 0xED) high = 0x9F;
-        } else if (lead >= 0xF0 && lead <= 0xF4) {
-            length = 4;
-            if (lead == 0xF0) low = 0x90;
-            if (lead == 0xF4) high = 0x8F;
-        }
-        if (length == 0 || have < length || s[1] < low || s[1] > high ||
-            (length > 2 && !isContinuation(s[2])) || (length > 3 && !isContinuation(s[3])))
-            fail("invalid UTF-8");
+        const std::size_t length = text::validSequenceLength(std::string_view(p_, static_cast<std::size_t>(end_ - p_)));
+        if (length == 0) fail("invalid UTF-8");
         p_ += length;
     }
 
