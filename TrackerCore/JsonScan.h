@@ -13,7 +13,8 @@ namespace skeldrin::json_scan {
 
 // The raw JSON text of each wanted member of the object in text (a later duplicate wins). Throws
 // DecodingError when text is not exactly one valid JSON value (RFC 8259, UTF-8) or is not an object.
-std::map<std::string, std::string_view> members(std::string_view text, const std::vector<std::string_view>& wanted);
+std::map<std::string, std::string_view> members(std::string_view text,
+                                                const std::vector<std::string_view>& wanted);
 
 // A member to keep, and the members to keep inside it when it is an object (then it is not kept whole).
 struct Wanted {

@@ -30,7 +30,8 @@ std::optional<std::filesystem::path> homeInPasswd(std::string_view passwd, unsig
         }
         if (count < 6) continue; // the shell may be missing
         unsigned found = 0;
-        const auto [rest, error] = std::from_chars(fields[2].data(), fields[2].data() + fields[2].size(), found);
+        const auto [rest, error] =
+            std::from_chars(fields[2].data(), fields[2].data() + fields[2].size(), found);
         if (error == std::errc() && rest == fields[2].data() + fields[2].size() && !fields[2].empty() &&
             found == uid && !fields[5].empty())
             return std::filesystem::path(fields[5]);

@@ -8,22 +8,22 @@
 #include <cstdlib>
 #include <string_view>
 
-#define SKELDRIN_FUZZ_CHECK(condition)                                                                     \
-    do {                                                                                                   \
-        if (!(condition)) {                                                                                \
-            std::fprintf(stderr, "%s:%d: property broken: %s\n", __FILE__, __LINE__, #condition);         \
-            std::abort();                                                                                  \
-        }                                                                                                  \
+#define SKELDRIN_FUZZ_CHECK(condition)                                                                       \
+    do {                                                                                                     \
+        if (!(condition)) {                                                                                  \
+            std::fprintf(stderr, "%s:%d: property broken: %s\n", __FILE__, __LINE__, #condition);            \
+            std::abort();                                                                                    \
+        }                                                                                                    \
     } while (false)
 
 #ifdef SKELDRIN_FUZZ_ENTRY
-#define SKELDRIN_FUZZ_TARGET(name)                                                                         \
-    static void fuzz_##name(std::string_view);                                                            \
-    extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)                      \
-    {                                                                                                      \
-        fuzz_##name(std::string_view(reinterpret_cast<const char*>(data), size));                          \
-        return 0;                                                                                          \
-    }                                                                                                      \
+#define SKELDRIN_FUZZ_TARGET(name)                                                                           \
+    static void fuzz_##name(std::string_view);                                                               \
+    extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)                        \
+    {                                                                                                        \
+        fuzz_##name(std::string_view(reinterpret_cast<const char*>(data), size));                            \
+        return 0;                                                                                            \
+    }                                                                                                        \
     static void fuzz_##name(std::string_view data)
 #else
 #define SKELDRIN_FUZZ_TARGET(name) void fuzz_##name(std::string_view data)

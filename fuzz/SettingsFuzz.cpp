@@ -16,7 +16,8 @@ namespace {
 // The user's hooks with the empty events and "hooks" object that removing leaves out.
 Json withoutEmptyEvents(Json settings)
 {
-    if (!settings.is_object() || !settings.contains("hooks") || !settings["hooks"].is_object()) return settings;
+    if (!settings.is_object() || !settings.contains("hooks") || !settings["hooks"].is_object())
+        return settings;
     Json& hooks = settings["hooks"];
     for (auto it = hooks.begin(); it != hooks.end();)
         it = it->is_array() && it->empty() ? hooks.erase(it) : std::next(it);
@@ -28,8 +29,10 @@ Json withoutEmptyEvents(Json settings)
 
 SKELDRIN_FUZZ_TARGET(settings)
 {
-    static const fs::path file = fs::temp_directory_path() / ("skeldrin-fuzz-settings-" + std::to_string(::getpid()));
-    std::ofstream(file, std::ios::binary | std::ios::trunc).write(data.data(), static_cast<std::streamsize>(data.size()));
+    static const fs::path file =
+        fs::temp_directory_path() / ("skeldrin-fuzz-settings-" + std::to_string(::getpid()));
+    std::ofstream(file, std::ios::binary | std::ios::trunc)
+        .write(data.data(), static_cast<std::streamsize>(data.size()));
     Json settings;
     try {
         settings = HookInstaller::readSettings(file);

@@ -10,7 +10,8 @@ using namespace skeldrin;
 SKELDRIN_FUZZ_TARGET(transcript)
 {
     const TranscriptTail tail = TranscriptTail::parse(data);
-    for (const auto& task : tail.runningBackgroundTasks) SKELDRIN_FUZZ_CHECK(!task.title.empty());
+    for (const auto& task : tail.runningBackgroundTasks)
+        SKELDRIN_FUZZ_CHECK(!task.title.empty());
 
     std::vector<std::string_view> lines;
     for (std::size_t start = 0; start < data.size();) {

@@ -48,7 +48,8 @@ HookEvent readEvent(int fd)
         for (;;) {
             const ssize_t n = ::read(fd, buffer, capacity);
             if (n >= 0) return static_cast<std::size_t>(n);
-            if (errno != EINTR) throw std::runtime_error(std::string("cannot read the event: ") + std::strerror(errno));
+            if (errno != EINTR)
+                throw std::runtime_error(std::string("cannot read the event: ") + std::strerror(errno));
         }
     };
     try {

@@ -25,7 +25,8 @@ TEST(FuzzRegressions, EveryKeptInputKeepsItsProperties)
     };
     for (const auto& [name, target] : targets) {
         int inputs = 0;
-        for (const fs::path& root : {fs::path(SKELDRIN_SOURCE_DIR) / "fuzz/corpus", fs::path(SKELDRIN_FIXTURES) / "fuzz"}) {
+        for (const fs::path& root :
+             {fs::path(SKELDRIN_SOURCE_DIR) / "fuzz/corpus", fs::path(SKELDRIN_FIXTURES) / "fuzz"}) {
             if (!fs::is_directory(root / name)) continue;
             for (const auto& entry : fs::directory_iterator(root / name)) {
                 SCOPED_TRACE(entry.path().string());

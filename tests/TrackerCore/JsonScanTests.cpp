@@ -1,5 +1,5 @@
-#include "TrackerCore/Json.h"
 #include "TrackerCore/HookEvent.h"
+#include "TrackerCore/Json.h"
 #include "TrackerCore/JsonScan.h"
 
 #include <algorithm>
@@ -95,22 +95,34 @@ TEST(HookEventDecoding, StreamedDecodeMatchesAFullDecode)
     // Text with every kind of character a tool's input or output carries, longer than the scan buffer.
     std::string text;
     while (text.size() < 150'000)
-        text += "\tsay(\\\"h\\u00e9llo\\\\n\\\") // na\xc3\xafve \xe6\x97\xa5\xe6\x9c\xac \xf0\x9f\x9a\x80 \\u2028 \\ud83d\\ude00\\n";
+        text += "\tsay(\\\"h\\u00e9llo\\\\n\\\") // na\xc3\xafve \xe6\x97\xa5\xe6\x9c\xac \xf0\x9f\x9a\x80 "
+                "\\u2028 \\ud83d\\ude00\\n";
     const std::string big = "\"" + text + "\"";
     const std::string head = R"("hook_event_name":"PostToolUse","session_id":"s1")";
     const std::string toolInputs[] = {
-        "null", "{}", "[]", "\"x\"", "5",
-        R"({"command":"make"})", R"({"command":null,"file_path":"/a/b.txt"})",
+        "null",
+        "{}",
+        "[]",
+        "\"x\"",
+        "5",
+        R"({"command":"make"})",
+        R"({"command":null,"file_path":"/a/b.txt"})",
         R"({"file_path":)" + big + R"(,"content":)" + big + "}",
         R"({"content":)" + big + R"(,"command":"ls -la","questions":[{},{"x":[1,{"y":2}]},[],"q"]})",
-        R"({"questions":[]})", R"({"questions":null})", R"({"questions":{}})", R"({"questions":"two"})",
-        R"({"command":5})", R"({"file_path":["x"]})", R"({"command":"a","command":"b"})",
+        R"({"questions":[]})",
+        R"({"questions":null})",
+        R"({"questions":{}})",
+        R"({"questions":"two"})",
+        R"({"command":5})",
+        R"({"file_path":["x"]})",
+        R"({"command":"a","command":"b"})",
         R"({"comm\u0061nd":"escaped name","file\u005fpath":"\u00e9\ud83d\ude00"})",
         R"({"nested":{"command":"not this one"}})",
     };
     std::vector<std::string> payloads;
     for (const auto& input : toolInputs) {
-        payloads.push_back("{" + head + R"(,"tool_input":)" + input + R"(,"tool_response":{"content":)" + big + "}}");
+        payloads.push_back("{" + head + R"(,"tool_input":)" + input + R"(,"tool_response":{"content":)" +
+                           big + "}}");
         payloads.push_back("{" + head + R"(,"tool_input":{"command":"first"},"tool_input":)" + input + "}");
     }
     payloads.push_back("{" + head + R"(,"tool_response":)" + big + R"(,"prompt":)" + big + R"(,"cwd":"/w"})");

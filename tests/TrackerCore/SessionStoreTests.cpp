@@ -297,8 +297,9 @@ TEST(Paths, HomeFromPasswdText)
                                "plus:x:+1002:1:x:/home/plus:/bin/sh\n"
                                "last:x:1003:1:x:/home/last";
     const std::pair<unsigned, std::optional<std::filesystem::path>> cases[] = {
-        {0, "/root"}, {10012, "/home/ann"}, {1003, "/home/last"}, {1000, std::nullopt},
+        {0, "/root"},         {10012, "/home/ann"}, {1003, "/home/last"}, {1000, std::nullopt},
         {1001, std::nullopt}, {1002, std::nullopt}, {1, std::nullopt},
     };
-    for (const auto& [uid, home] : cases) EXPECT_EQ(skeldrin::paths::homeInPasswd(passwd, uid), home) << uid;
+    for (const auto& [uid, home] : cases)
+        EXPECT_EQ(skeldrin::paths::homeInPasswd(passwd, uid), home) << uid;
 }

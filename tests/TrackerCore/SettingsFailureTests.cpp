@@ -21,7 +21,8 @@ namespace {
 std::set<std::string> listing(const fs::path& directory)
 {
     std::set<std::string> names;
-    for (const auto& entry : fs::directory_iterator(directory)) names.insert(entry.path().filename());
+    for (const auto& entry : fs::directory_iterator(directory))
+        names.insert(entry.path().filename());
     return names;
 }
 
@@ -53,7 +54,8 @@ TEST(SettingsFailures, EveryWritePointKeepsTheSettingsAndTheBackupWhole)
         SCOPED_TRACE(std::string(c.writePoint) + " " + c.fail);
         char pattern[] = "/tmp/skeldrin-settings-XXXXXX";
         const fs::path directory = mkdtemp(pattern);
-        const fs::path file = directory / "settings.json", backup = directory / "settings.json.skeldrin-backup";
+        const fs::path file = directory / "settings.json",
+                       backup = directory / "settings.json.skeldrin-backup";
         skeldrin::test::writeText(file, original);
         const auto settings = HookInstaller::installing(HookInstaller::command("/opt/skeldrin-hook"),
                                                         HookInstaller::readSettings(file));

@@ -63,7 +63,10 @@ bool fails(const char* call)
     return true;
 }
 
-template <typename F> F real(const char* name) { return reinterpret_cast<F>(dlsym(RTLD_NEXT, name)); }
+template <typename F> F real(const char* name)
+{
+    return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
+}
 
 } // namespace
 
