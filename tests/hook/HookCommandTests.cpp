@@ -358,6 +358,7 @@ TEST_F(HookCommandTest, DiskAndSystemFailuresExitQuietlyAndLoseNoSession)
         auto failing = env;
         failing["LD_PRELOAD"] = SKELDRIN_FAIL_SHIM;
         failing["SKELDRIN_FAIL"] = c.fail;
+        failing["ASAN_OPTIONS"] = "verify_asan_link_order=0"; // the shim comes first in the sanitizer build
         const auto r = Hook(failing, sharedHook).run(c.event);
         EXPECT_EQ(r.exitStatus, 0);
         EXPECT_EQ(r.out, "");
@@ -388,6 +389,7 @@ TEST_F(HookCommandTest, SessionsDirectoryThatCannotBeMadeFailsQuietly)
     auto failing = env;
     failing["LD_PRELOAD"] = SKELDRIN_FAIL_SHIM;
     failing["SKELDRIN_FAIL"] = "mkdir:" + std::to_string(EIO);
+    failing["ASAN_OPTIONS"] = "verify_asan_link_order=0";
     r = Hook(failing, std::string(SKELDRIN_BIN_DIR) + "/skeldrin-hook-shared").run(event("Stop", "s1"));
     EXPECT_EQ(r.exitStatus, 0);
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
