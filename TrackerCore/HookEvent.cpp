@@ -44,16 +44,68 @@ HookEvent HookEvent::fromJson(const Json& json)
     return event;
 }
 
+namespace {
+
+// Tool inputs and responses can make a payload many megabytes (a written file's text comes twice); it
+// is checked in full, but only the members read here are kept, and of "tool_input" only three.
+const std::vector<json_scan::Wanted>& keptMembers()
+{
+    static const std::vector<json_scan::Wanted> kept = {
+        {"hook_event_name", {}},
+        {"session_id", {}},
+        {"cwd", {}},
+        {"transcript_path", {}},
+        {"source", {}},
+        {"prompt", {}},
+        {"session_title", {}},
+        {"tool_name", {}},
+        {"tool_use_id", {}},
+        {"tool_input", {{"command", {}}, {"file_path", {}}, {"questions", {}}}},
+        {"notification_type", {}},
+        {"message", {}},
+        {"is_interrupt", {}},
+        {"reason", {}}};
+    return kept;
+}
+
+std::optional<HookEvent::ToolInput> toolInputFrom(const json_scan::Member& member)
+{
+    if (member.raw == "null") return std::nullopt;
+    if (member.raw != "{}") throw DecodingError("\"tool_input\" is not a JSON object");
+    Json json = Json::object();
+    for (const char* key : {"command", "file_path"})
+        if (const auto it = member.members.find(key); it != member.members.end())
+            json[key] = parseJson(it->second.raw);
+    HookEvent::ToolInput input = toolInputFromJson(json);
+    if (const auto it = member.members.find("questions");
+        it != member.members.end() && it->second.raw != "null") {
+        if (!it->second.raw.starts_with('[')) throw DecodingError("\"questions\" is not an array");
+        input.questions = std::vector<HookEvent::ToolInput::Question>(it->second.elements);
+    }
+    return input;
+}
+
+HookEvent fromMembers(const std::map<std::string, json_scan::Member>& members)
+{
+    Json json = Json::object();
+    for (const auto& [key, member] : members)
+        if (key != "tool_input") json[key] = parseJson(member.raw);
+    HookEvent event = HookEvent::fromJson(json);
+    if (const auto it = members.find("tool_input"); it != members.end())
+        event.toolInput = toolInputFrom(it->second);
+    return event;
+}
+
+} // namespace
+
 HookEvent HookEvent::decode(std::string_view payload)
 {
-    // Tool results can make a payload many megabytes; it is checked in full, but only the members
-    // read here are built as JSON values.
-    static const std::vector<std::string_view> kept = {
-        "hook_event_name", "session_id", "cwd", "transcript_path", "source", "prompt", "session_title",
-        "tool_name", "tool_use_id", "tool_input", "notification_type", "message", "is_interrupt", "reason"};
-    Json json = Json::object();
-    for (const auto& [key, raw] : json_scan::members(payload, kept)) json[key] = Json::parse(raw);
-    return fromJson(json);
+    return fromMembers(json_scan::scan(payload, keptMembers()));
+}
+
+HookEvent HookEvent::read(const json_scan::Reader& reader)
+{
+    return fromMembers(json_scan::scan(reader, keptMembers()));
 }
 
 } // namespace skeldrin

@@ -1,5 +1,6 @@
 #pragma once
 #include "TrackerCore/Json.h"
+#include "TrackerCore/JsonScan.h"
 
 #include <optional>
 #include <string>
@@ -42,6 +43,8 @@ struct HookEvent {
     static HookEvent fromJson(const Json& json); // throws DecodingError
     // Decodes a whole payload; throws DecodingError for bad JSON or a bad shape.
     static HookEvent decode(std::string_view payload);
+    // The same, reading the payload piece by piece: only the members used here are ever held.
+    static HookEvent read(const json_scan::Reader& reader);
 };
 
 } // namespace skeldrin

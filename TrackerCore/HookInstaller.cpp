@@ -309,8 +309,9 @@ Json readSettings(const fs::path& file)
     Json settings;
     try {
         settings = Json::parse(*bytes);
-    } catch (const Json::parse_error& e) {
-        // nlohmann's text starts with its own error tag; the rest says where and why.
+    } catch (const Json::exception& e) {
+        // A syntax error, or a number too large for a double. nlohmann's text starts with its own error
+        // tag; the rest says where and why.
         std::string reason = e.what();
         if (const auto tag = reason.find("] ");
             reason.starts_with("[json.exception") && tag != std::string::npos)

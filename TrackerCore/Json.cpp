@@ -14,7 +14,8 @@ Json parseJson(std::string_view text)
 {
     try {
         return Json::parse(text);
-    } catch (const Json::parse_error& e) {
+    } catch (const Json::exception& e) {
+        // Also a number too large for a double, which nlohmann reports as out of range.
         throw DecodingError(std::string("not valid JSON: ") + e.what());
     }
 }

@@ -4,39 +4,83 @@
 #include "TrackerCore/Text.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstring>
+#include <memory>
+#include <type_traits>
 
 namespace skeldrin::json_scan {
 namespace {
 
 constexpr int kMaxDepth = 512;
+// Small enough to stay in the cache and to be touched once; fresh pages cost more than the scan.
+constexpr std::size_t kBufferSize = 64 * 1024;
+
+// Eight bytes at a time: the high bit of each byte that is '"', '\\', a control character or not ASCII.
+// Only the lowest flag is exact (borrows can set flags above it), which is all the scan uses.
+inline std::uint64_t specialBytes(std::uint64_t word)
+{
+    constexpr std::uint64_t ones = 0x0101010101010101ULL, highs = 0x8080808080808080ULL;
+    const std::uint64_t quote = word ^ (ones * '"'), backslash = word ^ (ones * '\\');
+    return (((quote - ones) & ~quote) | ((backslash - ones) & ~backslash) | (word - ones * 0x20) | word) & highs;
+}
 
 class Scanner {
 public:
     explicit Scanner(std::string_view text)
         : p_(text.data())
         , end_(text.data() + text.size())
-        , begin_(text.data())
+        , base_(text.data())
     {
+    }
+    explicit Scanner(const Reader& reader)
+        : reader_(&reader)
+        , buffer_(new char[kBufferSize])
+    {
+        p_ = end_ = base_ = buffer_.get();
     }
 
     [[noreturn]] void fail(const char* what) const
     {
-        throw DecodingError(std::string("not valid JSON: ") + what + " at byte " + std::to_string(p_ - begin_));
+        throw DecodingError(std::string("not valid JSON: ") + what + " at byte " +
+                            std::to_string(offset_ + static_cast<std::size_t>(p_ - base_)));
+    }
+
+    void byteOrderMark()
+    {
+        // Tolerated, as full parsers do.
+        if (available(3) && std::memcmp(p_, "\xEF\xBB\xBF", 3) == 0) p_ += 3;
     }
 
     void whitespace()
     {
-        while (p_ < end_ && (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) ++p_;
+        for (;;) {
+            while (p_ < end_ && (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) ++p_;
+            if (p_ < end_ || !refill(1)) return;
+        }
     }
-    bool atEnd() const { return p_ == end_; }
-    char peek() const { return p_ < end_ ? *p_ : '\0'; }
-    const char* position() const { return p_; }
+    bool atEnd() { return p_ == end_ && !refill(1); }
+    char peek() { return p_ < end_ || refill(1) ? *p_ : '\0'; }
     void expect(char c)
     {
-        if (p_ >= end_ || *p_ != c) fail(c == ':' ? "expected ':'" : "unexpected character");
+        if (peek() != c) fail(c == ':' ? "expected ':'" : "unexpected character");
         ++p_;
+    }
+
+    // The text from here to where endCapture is called, also across refills of the buffer.
+    void beginCapture()
+    {
+        capturing_ = true;
+        captureFrom_ = p_;
+        captured_.clear();
+    }
+    std::string_view endCapture()
+    {
+        capturing_ = false;
+        if (!reader_) return std::string_view(captureFrom_, static_cast<std::size_t>(p_ - captureFrom_));
+        captured_.append(captureFrom_, p_);
+        return captured_;
     }
 
     // Skips one string (p_ at its opening quote). Returns whether it had escapes.
@@ -45,18 +89,23 @@ public:
         expect('"');
         bool escaped = false;
         for (;;) {
-            // Plain ASCII runs are by far the most common: check eight bytes at a time.
             while (end_ - p_ >= 8) {
                 std::uint64_t word;
                 std::memcpy(&word, p_, 8);
-                constexpr std::uint64_t ones = 0x0101010101010101ULL, highs = 0x8080808080808080ULL;
-                const std::uint64_t quote = word ^ (ones * '"'), backslash = word ^ (ones * '\\');
-                const std::uint64_t special = ((quote - ones) & ~quote) | ((backslash - ones) & ~backslash) |
-                                              (word - ones * 0x20) | word;
-                if (special & highs) break;
+                if (const std::uint64_t special = specialBytes(word)) {
+                    p_ += std::countr_zero(special) / 8;
+                    goto special;
+                }
                 p_ += 8;
             }
-            if (p_ >= end_) fail("unterminated string");
+            while (p_ < end_) {
+                const auto c = static_cast<unsigned char>(*p_);
+                if (c == '"' || c == '\\' || c < 0x20 || c >= 0x80) goto special;
+                ++p_;
+            }
+            if (!refill(1)) fail("unterminated string");
+            continue;
+        special:
             const auto c = static_cast<unsigned char>(*p_);
             if (c == '"') {
                 ++p_;
@@ -67,30 +116,31 @@ public:
                 escape();
             } else if (c < 0x20) {
                 fail("control character in string");
-            } else if (c < 0x80) {
-                ++p_;
             } else {
                 utf8();
             }
         }
     }
 
-    void value(int depth)
+    // Skips one value; the number of its elements when it is an array.
+    std::size_t value(int depth)
     {
         if (depth > kMaxDepth) fail("nested too deeply");
         whitespace();
         switch (peek()) {
-        case '"': string(); return;
-        case '{': object(depth); return;
-        case '[': array(depth); return;
-        case 't': literal("true"); return;
-        case 'f': literal("false"); return;
-        case 'n': literal("null"); return;
-        default: number(); return;
+        case '"': string(); return 0;
+        case '{': object([&] { value(depth + 1); }); return 0;
+        case '[': return array(depth);
+        case 't': literal("true"); return 0;
+        case 'f': literal("false"); return 0;
+        case 'n': literal("null"); return 0;
+        default: number(); return 0;
         }
     }
 
-    void object(int depth)
+    // Walks the object at p_, calling member(name), or member() when names are not needed, with p_
+    // before each member's value, which it skips.
+    template <typename Member> void object(Member&& member)
     {
         expect('{');
         whitespace();
@@ -98,10 +148,18 @@ public:
         for (;;) {
             whitespace();
             if (peek() != '"') fail("expected a member name");
-            string();
-            whitespace();
-            expect(':');
-            value(depth + 1);
+            if constexpr (std::is_invocable_v<Member&>) {
+                string();
+                whitespace();
+                expect(':');
+                member();
+            } else {
+                const std::string name = key();
+                whitespace();
+                expect(':');
+                whitespace();
+                member(name);
+            }
             whitespace();
             if (peek() == ',') {
                 ++p_;
@@ -112,13 +170,57 @@ public:
         }
     }
 
+    // Checks the whole document; walk(depth) is called with p_ at its top-level object.
+    template <typename Walk> void document(Walk&& walk)
+    {
+        byteOrderMark();
+        whitespace();
+        if (peek() != '{') {
+            value(0); // a malformed document is reported as such, before its shape
+            whitespace();
+            if (!atEnd()) fail("unexpected text after the value");
+            throw DecodingError("the hook payload is not a JSON object");
+        }
+        walk(0);
+        whitespace();
+        if (!atEnd()) fail("unexpected text after the value");
+    }
+
+    void wantedMembers(int depth, const std::vector<Wanted>& wanted, std::map<std::string, Member>& found)
+    {
+        object([&](const std::string& name) {
+            const auto it = std::find_if(wanted.begin(), wanted.end(), [&](const Wanted& w) { return w.name == name; });
+            if (it == wanted.end()) return void(value(depth + 1));
+            Member kept;
+            if (!it->members.empty() && peek() == '{') {
+                if (depth + 1 > kMaxDepth) fail("nested too deeply");
+                kept.raw = "{}";
+                wantedMembers(depth + 1, it->members, kept.members);
+            } else {
+                beginCapture();
+                kept.elements = value(depth + 1);
+                kept.raw = endCapture();
+            }
+            found[name] = std::move(kept); // a later duplicate wins
+        });
+    }
+
 private:
-    void array(int depth)
+    std::string key()
+    {
+        beginCapture();
+        const bool escaped = string();
+        const std::string_view raw = endCapture();
+        if (escaped) return Json::parse(raw).get<std::string>();
+        return std::string(raw.substr(1, raw.size() - 2));
+    }
+
+    std::size_t array(int depth)
     {
         expect('[');
         whitespace();
-        if (peek() == ']') return void(++p_);
-        for (;;) {
+        if (peek() == ']') return ++p_, 0;
+        for (std::size_t count = 1;; ++count) {
             value(depth + 1);
             whitespace();
             if (peek() == ',') {
@@ -126,21 +228,44 @@ private:
                 continue;
             }
             expect(']');
-            return;
+            return count;
         }
+    }
+
+    // Whether n bytes are there after p_, reading more when needed.
+    bool available(std::size_t n) { return static_cast<std::size_t>(end_ - p_) >= n || refill(n); }
+
+    // Moves what is left to the buffer's start and reads more, until n bytes are there or the input ends.
+    bool refill(std::size_t n)
+    {
+        if (!reader_ || ended_) return static_cast<std::size_t>(end_ - p_) >= n;
+        if (capturing_) captured_.append(captureFrom_, p_);
+        const std::size_t left = static_cast<std::size_t>(end_ - p_);
+        offset_ += static_cast<std::size_t>(p_ - base_);
+        std::memmove(buffer_.get(), p_, left);
+        p_ = captureFrom_ = base_ = buffer_.get();
+        end_ = p_ + left;
+        do {
+            const std::size_t got = (*reader_)(const_cast<char*>(end_), kBufferSize - left);
+            if (got == 0) ended_ = true;
+            end_ += got;
+        } while (static_cast<std::size_t>(end_ - p_) < n && !ended_);
+        return static_cast<std::size_t>(end_ - p_) >= n;
     }
 
     void literal(std::string_view word)
     {
-        if (static_cast<std::size_t>(end_ - p_) < word.size() || std::string_view(p_, word.size()) != word)
-            fail("unexpected character");
+        if (!available(word.size()) || std::string_view(p_, word.size()) != word) fail("unexpected character");
         p_ += word.size();
     }
 
     void digits()
     {
-        if (p_ >= end_ || *p_ < '0' || *p_ > '9') fail("malformed number");
-        while (p_ < end_ && *p_ >= '0' && *p_ <= '9') ++p_;
+        if (peek() < '0' || peek() > '9') fail("malformed number");
+        for (;;) {
+            while (p_ < end_ && *p_ >= '0' && *p_ <= '9') ++p_;
+            if (p_ < end_ || !refill(1)) return;
+        }
     }
 
     void number()
@@ -178,11 +303,14 @@ private:
 
     void escape()
     {
-        ++p_; // the backslash
+        available(12); // the longest escape, a surrogate pair; fewer only at the end of the input
+        ++p_;          // the backslash
         if (p_ >= end_) fail("unterminated string");
-        const char c = *p_++;
-        if (std::strchr("\"\\/bfnrt", c) && c != '\0') return;
-        if (c != 'u') fail("invalid escape");
+        switch (*p_++) {
+        case '"': case '\\': case '/': case 'b': case 'f': case 'n': case 'r': case 't': return;
+        case 'u': break;
+        default: fail("invalid escape");
+        }
         const unsigned unit = hex4();
         if (unit >= 0xDC00 && unit <= 0xDFFF) fail("lone low surrogate");
         if (unit >= 0xD800 && unit <= 0xDBFF) {
@@ -195,61 +323,58 @@ private:
 
     void utf8()
     {
+        available(4);
         const std::size_t length = text::validSequenceLength(std::string_view(p_, static_cast<std::size_t>(end_ - p_)));
         if (length == 0) fail("invalid UTF-8");
         p_ += length;
     }
 
-    const char* p_;
-    const char* end_;
-    const char* begin_;
+    const char* p_ = nullptr;
+    const char* end_ = nullptr;
+    const char* base_ = nullptr;    // where offset_ points in the input
+    std::size_t offset_ = 0;        // of base_ in the whole input
+    const Reader* reader_ = nullptr;
+    std::unique_ptr<char[]> buffer_;
+    bool ended_ = false;
+    bool capturing_ = false;
+    const char* captureFrom_ = nullptr;
+    std::string captured_;
 };
 
 } // namespace
 
 std::map<std::string, std::string_view> members(std::string_view text, const std::vector<std::string_view>& wanted)
 {
-    // A byte order mark is tolerated, as full parsers do.
-    if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);
     Scanner scan(text);
     std::map<std::string, std::string_view> found;
-    scan.whitespace();
-    if (scan.peek() != '{') {
-        scan.value(0); // a malformed document is reported as such, before its shape
-        scan.whitespace();
-        if (!scan.atEnd()) scan.fail("unexpected text after the value");
-        throw DecodingError("the hook payload is not a JSON object");
-    }
-    scan.expect('{');
-    scan.whitespace();
-    if (scan.peek() == '}') {
-        scan.expect('}');
-    } else {
-        for (;;) {
-            scan.whitespace();
-            if (scan.peek() != '"') scan.fail("expected a member name");
-            const char* keyStart = scan.position();
-            const bool escaped = scan.string();
-            std::string key(keyStart + 1, scan.position() - 1);
-            if (escaped) key = Json::parse(std::string_view(keyStart, scan.position() - keyStart)).get<std::string>();
-            scan.whitespace();
-            scan.expect(':');
-            scan.whitespace();
-            const char* valueStart = scan.position();
-            scan.value(1);
-            if (std::find(wanted.begin(), wanted.end(), key) != wanted.end())
-                found[key] = std::string_view(valueStart, scan.position() - valueStart);
-            scan.whitespace();
-            if (scan.peek() == ',') {
-                scan.expect(',');
-                continue;
-            }
-            scan.expect('}');
-            break;
-        }
-    }
-    scan.whitespace();
-    if (!scan.atEnd()) scan.fail("unexpected text after the value");
+    scan.document([&](int depth) {
+        scan.object([&](const std::string& name) {
+            if (std::find(wanted.begin(), wanted.end(), name) == wanted.end()) return void(scan.value(depth + 1));
+            scan.beginCapture();
+            scan.value(depth + 1);
+            found[name] = scan.endCapture();
+        });
+    });
+    return found;
+}
+
+std::map<std::string, Member> scan(std::string_view text, const std::vector<Wanted>& wanted)
+{
+    return scan(
+        [&text](char* buffer, std::size_t capacity) {
+            const std::size_t n = std::min(capacity, text.size());
+            std::memcpy(buffer, text.data(), n);
+            text.remove_prefix(n);
+            return n;
+        },
+        wanted);
+}
+
+std::map<std::string, Member> scan(const Reader& read, const std::vector<Wanted>& wanted)
+{
+    Scanner scanner(read);
+    std::map<std::string, Member> found;
+    scanner.document([&](int depth) { scanner.wantedMembers(depth, wanted, found); });
     return found;
 }
 

@@ -90,7 +90,9 @@ std::optional<Date> optionalDate(const Json& object, const char* key)
     if (!text) return std::nullopt;
     const auto date = parseIso8601(*text);
     if (!date) throw DecodingError(std::string("\"") + key + "\" is not an ISO 8601 date: " + *text);
-    return date;
+    // Session files hold milliseconds; finer digits written by hand are dropped, as writing would drop
+    // them, so that a record reads back as it was written.
+    return Date{std::chrono::floor<std::chrono::milliseconds>(*date)};
 }
 
 Date requiredDate(const Json& object, const char* key)

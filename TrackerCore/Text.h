@@ -12,8 +12,35 @@ std::string encodeUtf8(std::u32string_view text);
 // Replaces invalid UTF-8 sequences with U+FFFD.
 std::string sanitizeUtf8(std::string_view bytes);
 // The length (1 to 4) of the well-formed UTF-8 sequence that bytes starts with, or 0 (RFC 3629:
-// no overlong forms, no surrogates, nothing above U+10FFFF).
-std::size_t validSequenceLength(std::string_view bytes);
+// no overlong forms, no surrogates, nothing above U+10FFFF). Inline: the JSON scanner calls it for
+// every non-ASCII character of megabytes of text.
+inline std::size_t validSequenceLength(std::string_view bytes)
+{
+    if (bytes.empty()) return 0;
+    const auto b0 = static_cast<unsigned char>(bytes[0]);
+    if (b0 < 0x80) return 1;
+    std::size_t length;
+    unsigned char lo = 0x80, hi = 0xBF; // valid range of the second byte
+    if (b0 >= 0xC2 && b0 <= 0xDF) {
+        length = 2;
+    } else if (b0 >= 0xE0 && b0 <= 0xEF) {
+        length = 3;
+        if (b0 == 0xE0) lo = 0xA0;
+        if (b0 == 0xED) hi = 0x9F;
+    } else if (b0 >= 0xF0 && b0 <= 0xF4) {
+        length = 4;
+        if (b0 == 0xF0) lo = 0x90;
+        if (b0 == 0xF4) hi = 0x8F;
+    } else {
+        return 0;
+    }
+    if (bytes.size() < length) return 0;
+    for (std::size_t i = 1; i < length; ++i) {
+        const auto b = static_cast<unsigned char>(bytes[i]);
+        if (b < (i == 1 ? lo : 0x80) || b > (i == 1 ? hi : 0xBF)) return 0;
+    }
+    return length;
+}
 bool isValidUtf8(std::string_view bytes);
 
 bool isAlphanumeric(char32_t c);         // letters, marks, digits

@@ -11,3 +11,7 @@ if(SKELDRIN_SANITIZE)
     -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(skeldrin_options INTERFACE -fsanitize=address,undefined)
 endif()
+if(SKELDRIN_FUZZ)
+  # Coverage for the fuzzer in every object; only the fuzz targets link its main.
+  target_compile_options(skeldrin_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()

@@ -39,21 +39,26 @@ void writeError(std::string_view text)
     }
 }
 
-// Reads standard input to its end: Claude Code writes the whole payload, which can exceed 10 MB, and
-// must never block on a full pipe. Most events are a few KB, so the buffer starts small and is never
-// zero-filled ahead of the data.
-bool readAll(int fd, std::string& data)
+// Decodes the event from standard input, which is read to its end even when the event is bad: Claude
+// Code writes the whole payload, which can exceed 10 MB, and must never block on a full pipe. The payload
+// is scanned as it arrives through a small buffer; only the members the hook uses are kept.
+HookEvent readEvent(int fd)
 {
-    char chunk[16 * 1024];
-    for (;;) {
-        const ssize_t n = ::read(fd, chunk, sizeof chunk);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
+    const json_scan::Reader reader = [fd](char* buffer, std::size_t capacity) -> std::size_t {
+        for (;;) {
+            const ssize_t n = ::read(fd, buffer, capacity);
+            if (n >= 0) return static_cast<std::size_t>(n);
+            if (errno != EINTR)
+                throw std::runtime_error(std::string("cannot read the event: ") + std::strerror(errno));
         }
-        if (n == 0) return true;
-        if (data.capacity() - data.size() < static_cast<std::size_t>(n)) data.reserve(data.capacity() * 4 + sizeof chunk);
-        data.append(chunk, static_cast<std::size_t>(n));
+    };
+    try {
+        return HookEvent::read(reader);
+    } catch (const DecodingError&) {
+        char rest[16 * 1024];
+        while (reader(rest, sizeof rest) > 0) {
+        }
+        throw;
     }
 }
 
@@ -101,14 +106,7 @@ HookContext gatherContext()
 
 void run()
 {
-    std::string payload;
-    if (!readAll(STDIN_FILENO, payload)) {
-        writeError(std::string("cannot read the event: ") + std::strerror(errno));
-        return;
-    }
-    const HookEvent event = HookEvent::decode(payload);
-    payload.clear();
-    payload.shrink_to_fit();
+    const HookEvent event = readEvent(STDIN_FILENO);
 
     const HookContext context = gatherContext();
     const auto now = std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());

@@ -1,5 +1,10 @@
+#include "TrackerCore/HookEvent.h"
 #include "TrackerCore/Json.h"
 #include "TrackerCore/JsonScan.h"
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
 
 #include <gtest/gtest.h>
 
@@ -49,4 +54,99 @@ TEST(JsonScan, KeepsOnlyWantedTopLevelMembers)
     EXPECT_EQ(found.at("a"), "\"last\""); // the later duplicate wins, as with a full parse
     EXPECT_EQ(found.at("abc"), "\"d\"");  // names are compared after unescaping
     EXPECT_TRUE(json_scan::members(R"({"skip": {"a": 5}})", {"a"}).empty());
+}
+
+namespace {
+
+// Delivers text in pieces of varying small sizes, so that every token meets a buffer boundary somewhere.
+json_scan::Reader piecewise(const std::string& text, std::size_t seed)
+{
+    return [&text, offset = std::size_t{0}, seed](char* buffer, std::size_t capacity) mutable {
+        const std::size_t piece = std::min({capacity, text.size() - offset, 1 + (offset * 7 + seed) % 23});
+        std::memcpy(buffer, text.data() + offset, piece);
+        offset += piece;
+        return piece;
+    };
+}
+
+// What a full parse and the typed decoding of the whole document give.
+std::optional<HookEvent> fullDecode(const std::string& payload)
+{
+    try {
+        return HookEvent::fromJson(Json::parse(payload));
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+}
+
+std::optional<HookEvent> streamedDecode(const json_scan::Reader& reader)
+{
+    try {
+        return HookEvent::read(reader);
+    } catch (const DecodingError&) {
+        return std::nullopt;
+    }
+}
+
+} // namespace
+
+TEST(HookEventDecoding, StreamedDecodeMatchesAFullDecode)
+{
+    // Text with every kind of character a tool's input or output carries, longer than the scan buffer.
+    std::string text;
+    while (text.size() < 150'000)
+        text += "\tsay(\\\"h\\u00e9llo\\\\n\\\") // na\xc3\xafve \xe6\x97\xa5\xe6\x9c\xac \xf0\x9f\x9a\x80 "
+                "\\u2028 \\ud83d\\ude00\\n";
+    const std::string big = "\"" + text + "\"";
+    const std::string head = R"("hook_event_name":"PostToolUse","session_id":"s1")";
+    const std::string toolInputs[] = {
+        "null",
+        "{}",
+        "[]",
+        "\"x\"",
+        "5",
+        R"({"command":"make"})",
+        R"({"command":null,"file_path":"/a/b.txt"})",
+        R"({"file_path":)" + big + R"(,"content":)" + big + "}",
+        R"({"content":)" + big + R"(,"command":"ls -la","questions":[{},{"x":[1,{"y":2}]},[],"q"]})",
+        R"({"questions":[]})",
+        R"({"questions":null})",
+        R"({"questions":{}})",
+        R"({"questions":"two"})",
+        R"({"command":5})",
+        R"({"file_path":["x"]})",
+        R"({"command":"a","command":"b"})",
+        R"({"comm\u0061nd":"escaped name","file\u005fpath":"\u00e9\ud83d\ude00"})",
+        R"({"nested":{"command":"not this one"}})",
+    };
+    std::vector<std::string> payloads;
+    for (const auto& input : toolInputs) {
+        payloads.push_back("{" + head + R"(,"tool_input":)" + input + R"(,"tool_response":{"content":)" +
+                           big + "}}");
+        payloads.push_back("{" + head + R"(,"tool_input":{"command":"first"},"tool_input":)" + input + "}");
+    }
+    payloads.push_back("{" + head + R"(,"tool_response":)" + big + R"(,"prompt":)" + big + R"(,"cwd":"/w"})");
+    payloads.push_back("\xef\xbb\xbf {" + head + ",\"is_interrupt\":true}\n");
+    // Broken documents: cut short, invalid UTF-8 or a bad escape deep inside the big text, trailing text.
+    const std::string whole = "{" + head + R"(,"tool_input":{"content":)" + big + "}}";
+    for (const std::size_t cut : {std::size_t{1}, whole.size() / 3, whole.size() - 2, whole.size() - 1})
+        payloads.push_back(whole.substr(0, cut));
+    for (const char* bad : {"\xc3", "\xed\xa0\x80", "\xf0\x9f\x9a", "\\x", "\\ud83d", "\x01"}) {
+        std::string broken = whole;
+        broken.insert(100'000, bad);
+        payloads.push_back(broken);
+    }
+    payloads.push_back(whole + " {}");
+
+    for (std::size_t i = 0; i < payloads.size(); ++i) {
+        const auto& payload = payloads[i];
+        const auto expected = fullDecode(payload);
+        EXPECT_EQ(streamedDecode(piecewise(payload, i)), expected) << "payload " << i;
+        std::optional<HookEvent> inMemory;
+        try {
+            inMemory = HookEvent::decode(payload);
+        } catch (const DecodingError&) {
+        }
+        EXPECT_EQ(inMemory, expected) << "payload " << i;
+    }
 }

@@ -1,4 +1,5 @@
 #include "TrackerCore/Files.h"
+#include "TrackerCore/Paths.h"
 #include "TrackerCore/SessionStore.h"
 
 #include <gtest/gtest.h>
@@ -282,4 +283,23 @@ TEST_F(SessionStoreTest, CachedLoadsFollowEveryChange)
     SessionStore::LoadCache fresh;
     EXPECT_FALSE(store.loadAll(fresh, SystemClockNow()).unchanged);
     EXPECT_FALSE(store.loadAll(fresh, SystemClockNow()).unchanged);
+}
+
+TEST(Paths, HomeFromPasswdText)
+{
+    // The static hook's own reading of /etc/passwd, used when $HOME is unset.
+    const std::string passwd = "root:x:0:0:root:/root:/bin/bash\n"
+                               "# a comment\n\n"
+                               "broken line\n"
+                               "short:x:1000\n"
+                               "nohome:x:1001:1001:::/bin/sh\n"
+                               "ann:x:10012:100:Ann,,,:/home/ann:/bin/zsh\n"
+                               "plus:x:+1002:1:x:/home/plus:/bin/sh\n"
+                               "last:x:1003:1:x:/home/last";
+    const std::pair<unsigned, std::optional<std::filesystem::path>> cases[] = {
+        {0, "/root"},         {10012, "/home/ann"}, {1003, "/home/last"}, {1000, std::nullopt},
+        {1001, std::nullopt}, {1002, std::nullopt}, {1, std::nullopt},
+    };
+    for (const auto& [uid, home] : cases)
+        EXPECT_EQ(skeldrin::paths::homeInPasswd(passwd, uid), home) << uid;
 }

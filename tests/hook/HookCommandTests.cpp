@@ -3,9 +3,11 @@
 #include "TrackerCore/Files.h"
 #include "TrackerCore/ProcessInspector.h"
 #include "TrackerCore/Session.h"
+#include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -30,8 +32,9 @@ struct Outcome {
 
 class Hook {
 public:
-    explicit Hook(std::map<std::string, std::string> env)
+    explicit Hook(std::map<std::string, std::string> env, std::string executable = kHook)
         : env_(std::move(env))
+        , executable_(std::move(executable))
     {
     }
 
@@ -55,9 +58,9 @@ public:
         std::vector<char*> envp;
         for (auto& s : strings) envp.push_back(s.data());
         envp.push_back(nullptr);
-        char* argv[] = {const_cast<char*>(kHook.c_str()), nullptr};
+        char* argv[] = {const_cast<char*>(executable_.c_str()), nullptr};
         pid_t pid;
-        if (posix_spawn(&pid, kHook.c_str(), &actions, nullptr, argv, envp.data()) != 0)
+        if (posix_spawn(&pid, executable_.c_str(), &actions, nullptr, argv, envp.data()) != 0)
             throw std::runtime_error("spawn");
         posix_spawn_file_actions_destroy(&actions);
         close(in[0]);
@@ -107,6 +110,7 @@ public:
 
 private:
     std::map<std::string, std::string> env_;
+    std::string executable_;
     int stdin_ = -1, stdout_ = -1, stderr_ = -1;
 };
 
@@ -321,4 +325,73 @@ TEST_F(HookCommandTest, LargeToolOutputIsReadToTheEnd)
     EXPECT_EQ(r.exitStatus, 0);
     EXPECT_EQ(r.err, "");
     EXPECT_EQ(session("s1")->phase, Phase::running);
+}
+
+TEST_F(HookCommandTest, DiskAndSystemFailuresExitQuietlyAndLoseNoSession)
+{
+    // The hook linked dynamically, with a preloaded shim that fails one kind of system call.
+    const std::string sharedHook = std::string(SKELDRIN_BIN_DIR) + "/skeldrin-hook-shared";
+    struct Case {
+        const char* writePoint;
+        std::string fail; // call:errno[:skip[:times]]
+        std::string event;
+        bool applied; // the failure is retried away and the event recorded
+    };
+    const auto e = [](int error) { return ":" + std::to_string(error); };
+    const std::string prompt = event("UserPromptSubmit", "s1"), end = event("SessionEnd", "s1");
+    const Case cases[] = {
+        {"lock: open", "open" + e(ENOSPC), prompt, false},
+        {"lock: wait", "flock" + e(ENOLCK), prompt, false},
+        {"lock: interrupted", "flock" + e(EINTR) + ":0:3", prompt, true},
+        {"session: create", "open" + e(ENOSPC) + ":1", prompt, false},
+        {"session: write", "write" + e(ENOSPC), prompt, false},
+        {"session: write", "write" + e(EIO), prompt, false},
+        {"session: replace", "rename" + e(EIO), prompt, false},
+        {"session: remove", "unlink" + e(EIO), end, false},
+        {"read-only directory", "open" + e(EROFS), prompt, false},
+    };
+    ASSERT_EQ(hook(event("Stop", "s1")).exitStatus, 0);
+    const std::string before = files::readWholeFile(sessions / "s1.json").value();
+    const auto names = listing();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.writePoint) + " " + c.fail);
+        auto failing = env;
+        failing["LD_PRELOAD"] = SKELDRIN_FAIL_SHIM;
+        failing["SKELDRIN_FAIL"] = c.fail;
+        failing["ASAN_OPTIONS"] = "verify_asan_link_order=0"; // the shim comes first in the sanitizer build
+        const auto r = Hook(failing, sharedHook).run(c.event);
+        EXPECT_EQ(r.exitStatus, 0);
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(listing(), names); // nothing torn, lost or left behind
+        if (c.applied) {
+            EXPECT_EQ(r.err, "");
+            EXPECT_EQ(session("s1")->status(), Status::running);
+            files::replaceFile(sessions / "s1.json", sessions / ".restore", before, 0600, false);
+        } else {
+            EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+            EXPECT_EQ(r.err.rfind("skeldrin-hook: ", 0), 0u) << r.err;
+        }
+        EXPECT_EQ(files::readWholeFile(sessions / "s1.json").value(), before);
+    }
+}
+
+TEST_F(HookCommandTest, SessionsDirectoryThatCannotBeMadeFailsQuietly)
+{
+    // A file where the directory should be, and a directory that cannot be created.
+    fs::create_directories(sessions.parent_path());
+    skeldrin::test::writeText(sessions, "not a directory");
+    auto r = hook(event("Stop", "s1"));
+    EXPECT_EQ(r.exitStatus, 0);
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    EXPECT_EQ(skeldrin::test::readText(sessions), "not a directory");
+
+    fs::remove(sessions);
+    auto failing = env;
+    failing["LD_PRELOAD"] = SKELDRIN_FAIL_SHIM;
+    failing["SKELDRIN_FAIL"] = "mkdir:" + std::to_string(EIO);
+    failing["ASAN_OPTIONS"] = "verify_asan_link_order=0";
+    r = Hook(failing, std::string(SKELDRIN_BIN_DIR) + "/skeldrin-hook-shared").run(event("Stop", "s1"));
+    EXPECT_EQ(r.exitStatus, 0);
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    EXPECT_FALSE(fs::exists(sessions));
 }

@@ -1,0 +1,144 @@
+// Makes chosen system calls fail, for tests of what the store and the settings editor do when the disk
+// or the system does. Loaded with LD_PRELOAD into a dynamically linked hook (spec in $SKELDRIN_FAIL) or
+// linked into a test ahead of the C library (spec set with skeldrin_fail). A spec is
+// "call:error[:skip[:times]]": the named call fails with that error number after `skip` calls succeed,
+// `times` times (default: always). Only calls that write are counted: open with O_CREAT, write to a
+// descriptor above 2, fsync, rename, link, unlink, mkdir, flock.
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <mutex>
+#include <string>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+struct Spec {
+    std::string call;
+    int error = 0;
+    long skip = 0, times = -1;
+};
+
+std::mutex mutex;
+Spec spec;
+bool loaded = false;
+
+void parse(const char* text)
+{
+    spec = Spec{};
+    if (!text || !*text) return;
+    std::vector<std::string> fields(1);
+    for (const char* c = text; *c; ++c) {
+        if (*c == ':')
+            fields.emplace_back();
+        else
+            fields.back() += *c;
+    }
+    fields.resize(4);
+    spec.call = fields[0];
+    spec.error = std::atoi(fields[1].c_str());
+    if (!fields[2].empty()) spec.skip = std::atol(fields[2].c_str());
+    if (!fields[3].empty()) spec.times = std::atol(fields[3].c_str());
+}
+
+// Whether this call of `call` is to fail; sets errno when it is.
+bool fails(const char* call)
+{
+    std::lock_guard lock(mutex);
+    if (!loaded) {
+        parse(std::getenv("SKELDRIN_FAIL"));
+        loaded = true;
+    }
+    if (spec.call != call || spec.times == 0) return false;
+    if (spec.skip > 0) return --spec.skip, false;
+    if (spec.times > 0) --spec.times;
+    errno = spec.error;
+    return true;
+}
+
+template <typename F> F real(const char* name)
+{
+    return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+extern "C" {
+
+void skeldrin_fail(const char* text)
+{
+    std::lock_guard lock(mutex);
+    parse(text);
+    loaded = true;
+}
+
+int open(const char* path, int flags, ...)
+{
+    mode_t mode = 0;
+    if (flags & (O_CREAT | O_TMPFILE)) {
+        va_list args;
+        va_start(args, flags);
+        mode = static_cast<mode_t>(va_arg(args, unsigned));
+        va_end(args);
+        if (fails("open")) return -1;
+    }
+    static const auto next = real<int (*)(const char*, int, ...)>("open");
+    return next(path, flags, mode);
+}
+
+ssize_t write(int fd, const void* data, size_t size)
+{
+    if (fd > 2 && fails("write")) return -1;
+    static const auto next = real<ssize_t (*)(int, const void*, size_t)>("write");
+    return next(fd, data, size);
+}
+
+int fsync(int fd)
+{
+    if (fails("fsync")) return -1;
+    static const auto next = real<int (*)(int)>("fsync");
+    return next(fd);
+}
+
+int rename(const char* from, const char* to)
+{
+    if (fails("rename")) return -1;
+    static const auto next = real<int (*)(const char*, const char*)>("rename");
+    return next(from, to);
+}
+
+int link(const char* from, const char* to)
+{
+    if (fails("link")) return -1;
+    static const auto next = real<int (*)(const char*, const char*)>("link");
+    return next(from, to);
+}
+
+int unlink(const char* path)
+{
+    if (fails("unlink")) return -1;
+    static const auto next = real<int (*)(const char*)>("unlink");
+    return next(path);
+}
+
+int mkdir(const char* path, mode_t mode)
+{
+    if (fails("mkdir")) return -1;
+    static const auto next = real<int (*)(const char*, mode_t)>("mkdir");
+    return next(path, mode);
+}
+
+int flock(int fd, int operation)
+{
+    if ((operation & LOCK_EX) && fails("flock")) return -1;
+    static const auto next = real<int (*)(int, int)>("flock");
+    return next(fd, operation);
+}
+}
