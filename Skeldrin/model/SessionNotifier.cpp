@@ -11,7 +11,10 @@ namespace skeldrin {
 
 namespace {
 
-bool isWaiting(Status s) { return s == Status::waiting || s == Status::multiStepWaiting; }
+bool isWaiting(Status s)
+{
+    return s == Status::waiting || s == Status::multiStepWaiting;
+}
 
 // A ready row still waiting on its runs is not finished yet.
 Status effectiveStatus(const ListedSession& entry)
@@ -57,7 +60,8 @@ NotificationRules::Step NotificationRules::next(const std::vector<ListedSession>
         const Session& s = entry.session;
         if (waitingOn && isWaiting(status) && !isWaiting(was)) {
             const std::string what = s.waitingFor.value_or(std::string(label(status)));
-            step.show.push_back({entry.id(), displayName(s), withApp(what, s), Notifications::Urgency::normal});
+            step.show.push_back(
+                {entry.id(), displayName(s), withApp(what, s), Notifications::Urgency::normal});
             shown_[entry.id()] = status;
         } else if (finishedOn && status == Status::ready && known && was == Status::running) {
             std::string what = "Finished";
@@ -94,7 +98,10 @@ NotificationRules::Step NotificationRules::next(const std::vector<ListedSession>
 
 SessionNotifier::SessionNotifier(SessionsModel& model, AppSettings& settings, Notifications& delivery,
                                  QObject* parent)
-    : QObject(parent), model_(model), settings_(settings), delivery_(delivery)
+    : QObject(parent)
+    , model_(model)
+    , settings_(settings)
+    , delivery_(delivery)
 {
     update();
     connect(&model_, &SessionsModel::storedChanged, this, &SessionNotifier::update);

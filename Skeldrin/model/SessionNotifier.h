@@ -16,7 +16,7 @@ class SessionsModel;
 
 // Which changes of the listed sessions deserve a desktop notification. Pure: fed one list after another.
 class NotificationRules {
-public:
+  public:
     // Above this many in one change, the rest are summed up in one "and N more" notification: a
     // notification centre shows a handful at once, and ten separate sessions are still worth ten.
     static constexpr int cap = 10;
@@ -41,7 +41,7 @@ public:
     void forget(const std::string& key) { shown_.erase(key); }
     bool isShown(const std::string& key) const { return shown_.count(key) > 0; }
 
-private:
+  private:
     std::optional<std::map<std::string, Status>> previous_;
     // Sessions with a notification showing, and the status it was about.
     std::map<std::string, Status> shown_;
@@ -50,7 +50,7 @@ private:
 // Watches the model and hands notifications to the desktop; a click on one jumps to its session.
 class SessionNotifier : public QObject {
     Q_OBJECT
-public:
+  public:
     static inline const QString waitingKey = QStringLiteral("notifications.waiting");
     static inline const QString finishedKey = QStringLiteral("notifications.finished");
     static inline const QString waitingLabel = QStringLiteral("Notify when a session needs you");
@@ -62,7 +62,7 @@ public:
     SessionNotifier(SessionsModel& model, AppSettings& settings, Notifications& delivery,
                     QObject* parent = nullptr);
 
-private:
+  private:
     void update();
     void open(const QString& key);
 

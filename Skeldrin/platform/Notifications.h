@@ -9,7 +9,7 @@ namespace skeldrin {
 // replaces what that key showed before.
 class Notifications : public QObject {
     Q_OBJECT
-public:
+  public:
     enum class Urgency { low, normal, critical };
 
     using QObject::QObject;
@@ -19,7 +19,7 @@ public:
     // Called when the user turns notifications on (macOS asks for permission then).
     virtual void requestAuthorisation() {}
 
-Q_SIGNALS:
+  Q_SIGNALS:
     // The user clicked the notification shown under key.
     void activated(const QString& key);
     // The notification under key is gone (dismissed, expired or withdrawn).

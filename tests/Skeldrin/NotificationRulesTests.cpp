@@ -10,7 +10,10 @@ namespace {
 struct Row {
     Row(Status s = Status::running, ListedSession::Role r = ListedSession::Role::main,
         std::optional<std::string> e = std::nullopt, bool runs = false)
-        : status(s), role(r), entrypoint(std::move(e)), waitingOnRuns(runs)
+        : status(s)
+        , role(r)
+        , entrypoint(std::move(e))
+        , waitingOnRuns(runs)
     {
     }
     Status status;
@@ -30,12 +33,16 @@ ListedSession listed(const std::string& id, const Row& row)
     return {s, row.role, row.waitingOnRuns ? Shade::waitingOnRuns() : Shade::of(row.status), 0, false};
 }
 
-std::string nameOf(const Session& s) { return "name of " + s.id; }
+std::string nameOf(const Session& s)
+{
+    return "name of " + s.id;
+}
 
 std::string keys(const NotificationRules::Step& step)
 {
     std::string out;
-    for (const auto& shown : step.show) out += (out.empty() ? "" : " ") + shown.key;
+    for (const auto& shown : step.show)
+        out += (out.empty() ? "" : " ") + shown.key;
     return out;
 }
 
@@ -46,7 +53,7 @@ Q_DECLARE_METATYPE(Row)
 class NotificationRulesTests : public QObject {
     Q_OBJECT
 
-private Q_SLOTS:
+  private Q_SLOTS:
     void transitions_data()
     {
         QTest::addColumn<Row>("before");
@@ -55,8 +62,8 @@ private Q_SLOTS:
         QTest::addColumn<QString>("body"); // empty: no notification
 
         const auto main = [](Status s) { return Row{s}; };
-        QTest::newRow("running to waiting") << main(Status::running) << main(Status::waiting) << false
-                                            << "Bash: npm test · Ghostty";
+        QTest::newRow("running to waiting")
+            << main(Status::running) << main(Status::waiting) << false << "Bash: npm test · Ghostty";
         QTest::newRow("ready to several approvals")
             << main(Status::ready) << main(Status::multiStepWaiting) << false << "Bash: npm test · Ghostty";
         QTest::newRow("waiting to several approvals is the same wait")
@@ -66,15 +73,15 @@ private Q_SLOTS:
             << main(Status::running) << main(Status::ready) << true << "Finished: fix the build · Ghostty";
         QTest::newRow("answered to ready is not a finish")
             << main(Status::waiting) << main(Status::ready) << true << "";
-        QTest::newRow("still waiting on its runs") << main(Status::running) << Row{Status::ready, ListedSession::Role::main, std::nullopt, true}
-                                                   << true << "";
+        QTest::newRow("still waiting on its runs")
+            << main(Status::running) << Row{Status::ready, ListedSession::Role::main, std::nullopt, true}
+            << true << "";
         QTest::newRow("child run") << Row{Status::running, ListedSession::Role::child}
                                    << Row{Status::waiting, ListedSession::Role::child} << false << "";
         QTest::newRow("detached run") << Row{Status::running, ListedSession::Role::detached}
                                       << Row{Status::waiting, ListedSession::Role::detached} << false << "";
         QTest::newRow("headless") << Row{Status::running, ListedSession::Role::main, "sdk-py"}
-                                  << Row{Status::waiting, ListedSession::Role::main, "sdk-py"}
-                                  << false << "";
+                                  << Row{Status::waiting, ListedSession::Role::main, "sdk-py"} << false << "";
     }
 
     void transitions()
@@ -105,9 +112,9 @@ private Q_SLOTS:
         QCOMPARE(keys(rules.next({listed("a", {Status::waiting})}, true, true, nameOf)), std::string());
         QCOMPARE(keys(rules.next({listed("a", {Status::waiting})}, true, true, nameOf)), std::string());
         // A session that appears later already waiting does notify; one appearing ready does not.
-        const auto step = rules.next({listed("a", {Status::waiting}), listed("b", {Status::waiting}),
-                                      listed("c", {Status::ready})},
-                                     true, true, nameOf);
+        const auto step = rules.next(
+            {listed("a", {Status::waiting}), listed("b", {Status::waiting}), listed("c", {Status::ready})},
+            true, true, nameOf);
         QCOMPARE(keys(step), std::string("b"));
     }
 
@@ -116,7 +123,8 @@ private Q_SLOTS:
         NotificationRules rules;
         rules.next({}, true, true, nameOf);
         rules.next({listed("run", {}), listed("gone", {}), listed("closed", {})}, true, true, nameOf);
-        const std::vector<ListedSession> waiting{listed("run", {Status::waiting}), listed("gone", {Status::waiting}),
+        const std::vector<ListedSession> waiting{listed("run", {Status::waiting}),
+                                                 listed("gone", {Status::waiting}),
                                                  listed("closed", {Status::waiting})};
         QCOMPARE(keys(rules.next(waiting, true, true, nameOf)), std::string("run gone closed"));
         rules.forget("closed"); // the user closed it: nothing left to withdraw
@@ -132,7 +140,8 @@ private Q_SLOTS:
             NotificationRules rules;
             std::vector<ListedSession> running, waiting;
             for (int i = 0; i < count; ++i) {
-                running.push_back(listed(QStringLiteral("s%1").arg(i, 2, 10, QLatin1Char('0')).toStdString(), {}));
+                running.push_back(
+                    listed(QStringLiteral("s%1").arg(i, 2, 10, QLatin1Char('0')).toStdString(), {}));
                 waiting.push_back(running.back());
                 waiting.back().shade = Shade::of(Status::waiting);
             }

@@ -22,7 +22,7 @@ const QString kPath = QStringLiteral("/org/freedesktop/Notifications");
 class StandInService : public QObject {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
-public:
+  public:
     struct Shown {
         uint id;
         uint replaces;
@@ -34,12 +34,13 @@ public:
     std::vector<uint> closed;
     uint lastId = 0;
 
-public Q_SLOTS:
+  public Q_SLOTS:
     uint Notify(const QString&, uint replaces, const QString&, const QString& summary, const QString& body,
                 const QStringList& actions, const QVariantMap& hints, int)
     {
         const uint id = replaces ? replaces : ++lastId;
-        shown.push_back({id, replaces, summary, body, actions, hints.value(QStringLiteral("urgency")).toInt()});
+        shown.push_back(
+            {id, replaces, summary, body, actions, hints.value(QStringLiteral("urgency")).toInt()});
         return id;
     }
     void CloseNotification(uint id) { closed.push_back(id); }
@@ -47,7 +48,7 @@ public Q_SLOTS:
 };
 
 class RecordingJumper : public Jumper {
-public:
+  public:
     void jump(const Session& s) override { jumped.push_back(s.id); }
     std::vector<std::string> jumped;
 };
@@ -99,7 +100,8 @@ class SessionNotifierTests : public QObject {
         deps.settings = settings_.get();
         deps.cycleMilliseconds = 3600 * 1000; // the tests reload themselves
         model_ = std::make_unique<SessionsModel>(
-            SessionStore(home_->filePath(QStringLiteral("data/Skeldrin/sessions")).toStdString()), std::move(deps));
+            SessionStore(home_->filePath(QStringLiteral("data/Skeldrin/sessions")).toStdString()),
+            std::move(deps));
         model_->start();
         delivery_ = makeSystemNotifications();
         notifier_ = std::make_unique<SessionNotifier>(*model_, *settings_, *delivery_);
@@ -107,17 +109,20 @@ class SessionNotifierTests : public QObject {
     // A marker notification: once it has arrived, everything asked before it has arrived too.
     void settle()
     {
-        const auto isMarker = [](const StandInService::Shown& s) { return s.summary == QStringLiteral("marker"); };
-        delivery_->notify(QStringLiteral("marker"), QStringLiteral("marker"), {}, Notifications::Urgency::low);
+        const auto isMarker = [](const StandInService::Shown& s) {
+            return s.summary == QStringLiteral("marker");
+        };
+        delivery_->notify(QStringLiteral("marker"), QStringLiteral("marker"), {},
+                          Notifications::Urgency::low);
         QTRY_VERIFY(std::any_of(service_->shown.begin(), service_->shown.end(), isMarker));
         std::erase_if(service_->shown, isMarker);
     }
 
-private Q_SLOTS:
+  private Q_SLOTS:
     void initTestCase()
     {
-        bus_.start(QStringLiteral("dbus-daemon"),
-                   {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address")});
+        bus_.start(QStringLiteral("dbus-daemon"), {QStringLiteral("--session"), QStringLiteral("--nofork"),
+                                                   QStringLiteral("--print-address")});
         if (!bus_.waitForStarted()) QSKIP("dbus-daemon is not installed");
         QTRY_VERIFY(bus_.canReadLine());
         busAddress_ = QString::fromUtf8(bus_.readLine()).trimmed();
@@ -152,8 +157,10 @@ private Q_SLOTS:
 
     void approvalNotifiesOnceAndAnswerWithdraws()
     {
-        hook(QStringLiteral("SessionStart"), QStringLiteral("deploy"), QStringLiteral(R"(,"session_title":"Deploy")"));
-        hook(QStringLiteral("UserPromptSubmit"), QStringLiteral("deploy"), QStringLiteral(R"(,"prompt":"ship")"));
+        hook(QStringLiteral("SessionStart"), QStringLiteral("deploy"),
+             QStringLiteral(R"(,"session_title":"Deploy")"));
+        hook(QStringLiteral("UserPromptSubmit"), QStringLiteral("deploy"),
+             QStringLiteral(R"(,"prompt":"ship")"));
         askApproval(QStringLiteral("old"), QStringLiteral("ls")); // already waiting at start-up
         startNotifier();
 
@@ -184,12 +191,14 @@ private Q_SLOTS:
     void tenAtOnceGiveTen()
     {
         startNotifier();
-        for (int i = 0; i < 10; ++i) askApproval(QStringLiteral("s%1").arg(i), QStringLiteral("make"));
+        for (int i = 0; i < 10; ++i)
+            askApproval(QStringLiteral("s%1").arg(i), QStringLiteral("make"));
         model_->reload();
         settle();
         QCOMPARE(service_->shown.size(), std::size_t(10));
         std::set<QString> titles;
-        for (const auto& shown : service_->shown) titles.insert(shown.summary);
+        for (const auto& shown : service_->shown)
+            titles.insert(shown.summary);
         QCOMPARE(titles.size(), std::size_t(10));
     }
 
@@ -197,7 +206,8 @@ private Q_SLOTS:
     {
         settings_->setValue(SessionNotifier::waitingKey, false);
         settings_->setValue(SessionNotifier::finishedKey, true);
-        hook(QStringLiteral("UserPromptSubmit"), QStringLiteral("quiet"), QStringLiteral(R"(,"prompt":"fix it")"));
+        hook(QStringLiteral("UserPromptSubmit"), QStringLiteral("quiet"),
+             QStringLiteral(R"(,"prompt":"fix it")"));
         startNotifier();
         askApproval(QStringLiteral("quiet"), QStringLiteral("make"));
         model_->reload();

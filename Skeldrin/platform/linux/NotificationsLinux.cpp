@@ -20,7 +20,7 @@ const QString path = QStringLiteral("/org/freedesktop/Notifications");
 // The freedesktop notification service on the session bus (GNOME, KDE, Xfce, dunst, mako).
 class FreedesktopNotifications : public Notifications {
     Q_OBJECT
-public:
+  public:
     FreedesktopNotifications()
     {
         auto bus = QDBusConnection::sessionBus();
@@ -69,7 +69,7 @@ public:
         close(ids_.take(key));
     }
 
-public Q_SLOTS:
+  public Q_SLOTS:
     void onActionInvoked(uint id, const QString& action)
     {
         const QString key = ids_.key(id);
@@ -85,7 +85,7 @@ public Q_SLOTS:
         Q_EMIT closed(key);
     }
 
-private:
+  private:
     void close(uint id)
     {
         QDBusMessage call =
@@ -101,7 +101,10 @@ private:
 
 } // namespace
 
-std::unique_ptr<Notifications> makeSystemNotifications() { return std::make_unique<FreedesktopNotifications>(); }
+std::unique_ptr<Notifications> makeSystemNotifications()
+{
+    return std::make_unique<FreedesktopNotifications>();
+}
 
 } // namespace skeldrin
 
