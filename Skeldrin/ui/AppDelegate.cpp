@@ -2,9 +2,11 @@
 
 #include "Skeldrin/model/AppSettings.h"
 #include "Skeldrin/model/Headliner.h"
+#include "Skeldrin/model/SessionNotifier.h"
 #include "Skeldrin/model/SessionsModel.h"
 #include "Skeldrin/model/Updates.h"
 #include "Skeldrin/platform/AppPlatform.h"
+#include "Skeldrin/platform/Notifications.h"
 #include "Skeldrin/platform/Quarantine.h"
 #include "Skeldrin/platform/SystemJumper.h"
 #include "Skeldrin/ui/MenuBarIcon.h"
@@ -80,6 +82,10 @@ bool AppDelegate::start()
 
     updates_ = std::make_unique<Updates>();
     updates_->start();
+
+    // After the model's first load: sessions already waiting at start-up are not news.
+    notifications_ = makeSystemNotifications();
+    notifier_ = std::make_unique<SessionNotifier>(*model_, *settings_, *notifications_);
 
     const auto quit = [] { QApplication::quit(); };
     widget_ = std::make_unique<WidgetPanel>(*model_, *updates_, *settings_,

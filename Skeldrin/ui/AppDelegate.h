@@ -12,6 +12,8 @@
 namespace skeldrin {
 
 class AppSettings;
+class Notifications;
+class SessionNotifier;
 class SessionsModel;
 class SettingsView;
 class SingleInstance;
@@ -54,6 +56,8 @@ class AppDelegate : public QObject {
     MessageBoxAlerts alerts_;
     std::unique_ptr<SessionsModel> model_;
     std::unique_ptr<Updates> updates_;
+    std::unique_ptr<Notifications> notifications_;
+    std::unique_ptr<SessionNotifier> notifier_;
     std::unique_ptr<WidgetPanel> widget_;
     std::unique_ptr<StatusBarController> statusBar_;
     std::unique_ptr<SingleInstance> instance_;

@@ -2,6 +2,7 @@
 
 #include "Skeldrin/model/AppSettings.h"
 #include "Skeldrin/model/Palette.h"
+#include "Skeldrin/model/SessionNotifier.h"
 #include "Skeldrin/model/SessionsModel.h"
 #include "Skeldrin/platform/LoginItem.h"
 #include "Skeldrin/ui/Theme.h"
@@ -167,6 +168,19 @@ SettingsView::SettingsView(SessionsModel& model, AppSettings& settings, QWidget*
     loginError_->setObjectName(QStringLiteral("loginError"));
     loginError_->hide();
     column->addWidget(loginError_);
+    // Desktop notifications: each switch is one key in the app's settings.
+    for (const auto& [key, label, fallback] :
+         {std::tuple{SessionNotifier::waitingKey, SessionNotifier::waitingLabel, SessionNotifier::waitingDefault},
+          std::tuple{SessionNotifier::finishedKey, SessionNotifier::finishedLabel, SessionNotifier::finishedDefault}}) {
+        auto* notify = new Switch(this);
+        notify->setObjectName(key);
+        notify->setChecked(settings_.boolValue(key, fallback));
+        row(label, notify);
+        connect(notify, &Switch::clicked, this, [this, key = key](bool on) { settings_.setValue(key, on); });
+        connect(&settings_, &AppSettings::changed, notify, [this, notify, key = key, fallback = fallback](const QString& changed) {
+            if (changed == key) notify->setChecked(settings_.boolValue(key, fallback));
+        });
+    }
 
     column->addSpacing(6);
     for (Status status : allStatuses) {

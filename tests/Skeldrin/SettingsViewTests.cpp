@@ -106,6 +106,14 @@ class SettingsViewTests : public QObject {
         app.model->setHeadlinesEnabled(false);
         QVERIFY(!switchNamed(view, "headlines").isChecked());
         QVERIFY(view.findChild<QLabel*>(QStringLiteral("headlineError"))->isHidden());
+
+        // Notifications: "needs you" starts on, "finishes" off; each switch writes its key and follows it.
+        QVERIFY(switchNamed(view, "notifications.waiting").isChecked());
+        QVERIFY(!switchNamed(view, "notifications.finished").isChecked());
+        switchNamed(view, "notifications.finished").click();
+        QCOMPARE(app.settings.value(QStringLiteral("notifications.finished")).toBool(), true);
+        app.settings.setValue(QStringLiteral("notifications.waiting"), false);
+        QVERIFY(!switchNamed(view, "notifications.waiting").isChecked());
     }
 
     void colourRowsAndReset()
