@@ -25,8 +25,9 @@ JumpError JumpError::script(const std::string& message, long code)
 {
     if (code == automationDeniedCode)
         return {Kind::script,
-                "Allow Skeldrin to control your terminal in System Settings → Privacy & Security → Automation. ("
-                    + message + ")",
+                "Allow Skeldrin to control your terminal in System Settings → Privacy & Security → "
+                "Automation. (" +
+                    message + ")",
                 code};
     return {Kind::script, message, code};
 }
@@ -39,9 +40,9 @@ JumpError JumpError::unknownOrigin()
 std::string checkedTTY(const std::string& tty)
 {
     constexpr std::string_view prefix = "/dev/tty";
-    const bool valid = tty.size() > prefix.size() && tty.starts_with(prefix)
-                       && std::all_of(tty.begin() + prefix.size(), tty.end(),
-                                      [](char c) { return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9'); });
+    const bool valid = tty.size() > prefix.size() && tty.starts_with(prefix) &&
+                       std::all_of(tty.begin() + prefix.size(), tty.end(),
+                                   [](char c) { return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9'); });
     if (!valid) throw JumpError::invalidTTY(tty);
     return tty;
 }
@@ -51,19 +52,19 @@ std::string terminalScript(const std::string& tty)
     return "tell application id \"com.apple.Terminal\"\n"
            "    repeat with w in windows\n"
            "        repeat with t in tabs of w\n"
-           "            if tty of t is \""
-           + tty
-           + "\" then\n"
-             "                if miniaturized of w then set miniaturized of w to false\n"
-             "                set selected of t to true\n"
-             "                set index of w to 1\n"
-             "                activate\n"
-             "                return true\n"
-             "            end if\n"
-             "        end repeat\n"
-             "    end repeat\n"
-             "end tell\n"
-             "return false";
+           "            if tty of t is \"" +
+           tty +
+           "\" then\n"
+           "                if miniaturized of w then set miniaturized of w to false\n"
+           "                set selected of t to true\n"
+           "                set index of w to 1\n"
+           "                activate\n"
+           "                return true\n"
+           "            end if\n"
+           "        end repeat\n"
+           "    end repeat\n"
+           "end tell\n"
+           "return false";
 }
 
 std::string itermScript(const std::string& tty)
@@ -72,20 +73,20 @@ std::string itermScript(const std::string& tty)
            "    repeat with w in windows\n"
            "        repeat with t in tabs of w\n"
            "            repeat with s in sessions of t\n"
-           "                if tty of s is \""
-           + tty
-           + "\" then\n"
-             "                    select w\n"
-             "                    tell t to select\n"
-             "                    tell s to select\n"
-             "                    activate\n"
-             "                    return true\n"
-             "                end if\n"
-             "            end repeat\n"
-             "        end repeat\n"
-             "    end repeat\n"
-             "end tell\n"
-             "return false";
+           "                if tty of s is \"" +
+           tty +
+           "\" then\n"
+           "                    select w\n"
+           "                    tell t to select\n"
+           "                    tell s to select\n"
+           "                    activate\n"
+           "                    return true\n"
+           "                end if\n"
+           "            end repeat\n"
+           "        end repeat\n"
+           "    end repeat\n"
+           "end tell\n"
+           "return false";
 }
 
 } // namespace skeldrin

@@ -6,7 +6,7 @@ namespace skeldrin {
 
 // Why a jump could not be made; what() is the text shown to the user.
 class JumpError : public std::runtime_error {
-public:
+  public:
     enum class Kind { appNotFound, invalidTTY, script, unknownOrigin };
 
     static JumpError appNotFound(const std::string& bundleId);
@@ -17,7 +17,7 @@ public:
     Kind kind() const { return kind_; }
     long code() const { return code_; }
 
-private:
+  private:
     JumpError(Kind kind, const std::string& text, long code = 0);
     Kind kind_;
     long code_;

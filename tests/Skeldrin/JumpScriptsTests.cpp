@@ -6,10 +6,11 @@ using skeldrin::JumpError;
 
 class JumpScriptsTests : public QObject {
     Q_OBJECT
-private Q_SLOTS:
+  private Q_SLOTS:
     void scriptsNameTheDevice()
     {
-        QCOMPARE(skeldrin::itermScript("/dev/ttys003"), std::string(R"(tell application id "com.googlecode.iterm2"
+        QCOMPARE(skeldrin::itermScript("/dev/ttys003"),
+                 std::string(R"(tell application id "com.googlecode.iterm2"
     repeat with w in windows
         repeat with t in tabs of w
             repeat with s in sessions of t
@@ -25,7 +26,8 @@ private Q_SLOTS:
     end repeat
 end tell
 return false)"));
-        QCOMPARE(skeldrin::terminalScript("/dev/ttys003"), std::string(R"(tell application id "com.apple.Terminal"
+        QCOMPARE(skeldrin::terminalScript("/dev/ttys003"),
+                 std::string(R"(tell application id "com.apple.Terminal"
     repeat with w in windows
         repeat with t in tabs of w
             if tty of t is "/dev/ttys003" then
@@ -76,9 +78,10 @@ return false)"));
     {
         QCOMPARE(std::string(JumpError::appNotFound("com.example.gone").what()),
                  std::string("The app that started this session (com.example.gone) isn't installed."));
-        QCOMPARE(std::string(JumpError::script("Not authorized to send Apple events to Terminal.", -1743).what()),
-                 std::string("Allow Skeldrin to control your terminal in System Settings → Privacy & Security → "
-                             "Automation. (Not authorized to send Apple events to Terminal.)"));
+        QCOMPARE(
+            std::string(JumpError::script("Not authorized to send Apple events to Terminal.", -1743).what()),
+            std::string("Allow Skeldrin to control your terminal in System Settings → Privacy & Security → "
+                        "Automation. (Not authorized to send Apple events to Terminal.)"));
         QCOMPARE(std::string(JumpError::script("Syntax error", -2740).what()), std::string("Syntax error"));
         QCOMPARE(std::string(JumpError::unknownOrigin().what()),
                  std::string("This session didn't say where it was started, so there's nothing to open."));

@@ -42,12 +42,14 @@ Result run(const std::vector<std::string>& command, const QString& missingHint,
 {
     QProcess process;
     QStringList arguments;
-    for (std::size_t i = 1; i < command.size(); ++i) arguments << QString::fromStdString(command[i]);
+    for (std::size_t i = 1; i < command.size(); ++i)
+        arguments << QString::fromStdString(command[i]);
     const QString program = QString::fromStdString(command.front());
     process.setProcessEnvironment(environment);
     process.start(program, arguments);
     if (!process.waitForStarted(commandTimeoutMs))
-        throw std::runtime_error(QStringLiteral("Couldn't run %1: %2").arg(program, missingHint).toStdString());
+        throw std::runtime_error(
+            QStringLiteral("Couldn't run %1: %2").arg(program, missingHint).toStdString());
     if (!process.waitForFinished(commandTimeoutMs)) {
         process.kill();
         process.waitForFinished(commandTimeoutMs);
@@ -62,7 +64,8 @@ void succeed(const Result& result, const QString& what)
 {
     if (result.exitCode != 0)
         throw std::runtime_error(
-            (result.errors.isEmpty() ? what : QStringLiteral("%1 (%2)").arg(what, result.errors)).toStdString());
+            (result.errors.isEmpty() ? what : QStringLiteral("%1 (%2)").arg(what, result.errors))
+                .toStdString());
 }
 
 // The process and its ancestors, nearest first.
@@ -112,8 +115,9 @@ void jumpTo(const TmuxPane& target)
     // Only a client that is attached can be switched; a detached session still has its pane selected.
     run(commands[2], QStringLiteral("install tmux."));
     if (!x11::available()) return;
-    const Result clients = run({"tmux", "-S", target.socket, "list-clients", "-t", target.pane, "-F", "#{client_pid}"},
-                               QStringLiteral("install tmux."));
+    const Result clients =
+        run({"tmux", "-S", target.socket, "list-clients", "-t", target.pane, "-F", "#{client_pid}"},
+            QStringLiteral("install tmux."));
     for (const QString& line : clients.output.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
         bool ok = false;
         const int pid = line.toInt(&ok);
@@ -133,15 +137,19 @@ void jumpTo(const KittyWindow& target)
 void jumpTo(const WeztermPane& target)
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    if (target.socket) environment.insert(QStringLiteral("WEZTERM_UNIX_SOCKET"), QString::fromStdString(*target.socket));
-    succeed(run(weztermCommand(target), QStringLiteral("install WezTerm's command, or put it on PATH."), environment),
-            QStringLiteral("WezTerm couldn't show pane %1; has it been closed?").arg(QString::fromStdString(target.pane)));
+    if (target.socket)
+        environment.insert(QStringLiteral("WEZTERM_UNIX_SOCKET"), QString::fromStdString(*target.socket));
+    succeed(run(weztermCommand(target), QStringLiteral("install WezTerm's command, or put it on PATH."),
+                environment),
+            QStringLiteral("WezTerm couldn't show pane %1; has it been closed?")
+                .arg(QString::fromStdString(target.pane)));
 }
 
 void jumpTo(const KonsoleSession& target)
 {
     QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected()) throw std::runtime_error("Konsole can't be reached: there is no D-Bus session bus.");
+    if (!bus.isConnected())
+        throw std::runtime_error("Konsole can't be reached: there is no D-Bus session bus.");
     if (target.window) {
         QDBusMessage call = QDBusMessage::createMethodCall(
             QString::fromStdString(target.service), QStringLiteral("/Windows/%1").arg(*target.window),
@@ -149,9 +157,10 @@ void jumpTo(const KonsoleSession& target)
         call << target.session;
         const QDBusMessage reply = bus.call(call, QDBus::Block, commandTimeoutMs);
         if (reply.type() == QDBusMessage::ErrorMessage)
-            throw std::runtime_error(QStringLiteral("Konsole couldn't show this session; has its tab been closed? (%1)")
-                                         .arg(reply.errorMessage())
-                                         .toStdString());
+            throw std::runtime_error(
+                QStringLiteral("Konsole couldn't show this session; has its tab been closed? (%1)")
+                    .arg(reply.errorMessage())
+                    .toStdString());
     }
     if (x11::available()) raiseQuietly(target.x11Window);
 }
@@ -160,10 +169,11 @@ void jumpTo(const EditorFolder& target)
 {
     const QString program = QString::fromStdString(target.executable);
     if (!QProcess::startDetached(program, {QString::fromStdString(target.folder)}))
-        throw std::runtime_error(QStringLiteral("Couldn't run %1: install the editor's command line "
-                                                "(in the editor: \"Shell Command: Install '%1' command in PATH\").")
-                                     .arg(program)
-                                     .toStdString());
+        throw std::runtime_error(
+            QStringLiteral("Couldn't run %1: install the editor's command line "
+                           "(in the editor: \"Shell Command: Install '%1' command in PATH\").")
+                .arg(program)
+                .toStdString());
     if (!target.url) return;
     // The editor needs a moment to show the folder before it can take the link.
     ++deferredJumps;
@@ -177,6 +187,8 @@ void jumpTo(const EditorFolder& target)
 void jumpTo(const X11Window& target, const Session& session)
 {
     if (target.window) return x11::activate(*target.window);
+    // Without a display the process's window cannot be looked for: the place is simply unknown.
+    if (!x11::available()) throw JumpError::unknownOrigin();
     if (!session.process || !ProcessInspector::isAlive(*session.process))
         throw std::runtime_error("This session's process has ended, so there is no window to bring forward.");
     const auto window = x11::windowOfProcesses(lineage(session.process->pid));
@@ -185,7 +197,7 @@ void jumpTo(const X11Window& target, const Session& session)
 }
 
 class LinuxJumper final : public Jumper {
-public:
+  public:
     void jump(const Session& session) override
     {
         const std::optional<Target> target = resolve(session);
@@ -204,7 +216,10 @@ public:
 
 } // namespace
 
-std::unique_ptr<Jumper> makeSystemJumper() { return std::make_unique<LinuxJumper>(); }
+std::unique_ptr<Jumper> makeSystemJumper()
+{
+    return std::make_unique<LinuxJumper>();
+}
 
 void waitForDeferredJumps()
 {

@@ -57,13 +57,16 @@ void open(NSArray<NSURL*>* urls, NSURL* app, std::function<void()> then)
                        withApplicationAtURL:app
                               configuration:configuration
                           completionHandler:^(NSRunningApplication*, NSError* error) {
-                              if (error) {
-                                  qCCritical(lcJumpMac, "opening %s failed: %s", opened.UTF8String,
-                                             error.localizedDescription.UTF8String);
-                                  if (then) --deferredJumps; // the follow-up will not come
-                                  return;
-                              }
-                              if (then) dispatch_async(dispatch_get_main_queue(), ^{ then(); });
+                            if (error) {
+                                qCCritical(lcJumpMac, "opening %s failed: %s", opened.UTF8String,
+                                           error.localizedDescription.UTF8String);
+                                if (then) --deferredJumps; // the follow-up will not come
+                                return;
+                            }
+                            if (then)
+                                dispatch_async(dispatch_get_main_queue(), ^{
+                                  then();
+                                });
                           }];
 }
 
@@ -72,13 +75,14 @@ void activate(const std::string& bundleId)
     NSURL* app = appURL(bundleId);
     NSWorkspaceOpenConfiguration* configuration = [NSWorkspaceOpenConfiguration configuration];
     configuration.activates = YES;
-    [[NSWorkspace sharedWorkspace] openApplicationAtURL:app
-                                          configuration:configuration
-                                      completionHandler:^(NSRunningApplication*, NSError* error) {
-                                          if (error)
-                                              qCWarning(lcJumpMac, "activating %s failed: %s", app.path.UTF8String,
-                                                        error.localizedDescription.UTF8String);
-                                      }];
+    [[NSWorkspace sharedWorkspace]
+        openApplicationAtURL:app
+               configuration:configuration
+           completionHandler:^(NSRunningApplication*, NSError* error) {
+             if (error)
+                 qCWarning(lcJumpMac, "activating %s failed: %s", app.path.UTF8String,
+                           error.localizedDescription.UTF8String);
+           }];
 }
 
 void openURL(const std::string& url)
@@ -87,7 +91,7 @@ void openURL(const std::string& url)
 }
 
 class MacJumper final : public Jumper {
-public:
+  public:
     void jump(const Session& session) override
     {
         @autoreleasepool {
@@ -104,8 +108,8 @@ public:
                     // The editor needs a moment to show the folder before it can take the link.
                     dispatch_after(dispatch_time(DISPATCH_TIME_NOW, static_cast<int64_t>(0.6 * NSEC_PER_SEC)),
                                    dispatch_get_main_queue(), ^{
-                                       openURL(url);
-                                       --deferredJumps;
+                                     openURL(url);
+                                     --deferredJumps;
                                    });
                 });
                 return;
@@ -129,7 +133,10 @@ public:
 
 } // namespace
 
-std::unique_ptr<Jumper> makeSystemJumper() { return std::make_unique<MacJumper>(); }
+std::unique_ptr<Jumper> makeSystemJumper()
+{
+    return std::make_unique<MacJumper>();
+}
 
 void waitForDeferredJumps()
 {
