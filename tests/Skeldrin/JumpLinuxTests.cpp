@@ -201,6 +201,32 @@ class JumpLinuxTests : public QObject {
                  QStringList({"cli", "activate-pane", "--pane-id", "12"}));
     }
 
+    void editorsOpenTheFolderThenTheSessionsLink()
+    {
+        standIn(QStringLiteral("cursor"));
+        standIn(QStringLiteral("xdg-open"));
+        // The session runs under an editor whose executable is named cursor: a copy of the shell here.
+        QVERIFY(QDir(home_->path()).mkpath(QStringLiteral("host")));
+        const QString host = path(QStringLiteral("host/cursor"));
+        QVERIFY(QFile::copy(QStringLiteral("/bin/sh"), host));
+        QProcessEnvironment env = environment();
+        env.insert(QStringLiteral("CLAUDE_CODE_ENTRYPOINT"), QStringLiteral("claude-vscode"));
+        QCOMPARE(run(host,
+                     {QStringLiteral("-c"), hookLine(QStringLiteral("in-editor"))
+                                                .replace(QLatin1String("sleep 600"), QLatin1String(":"))},
+                     env)
+                     .exitCode,
+                 0);
+
+        QCOMPARE(jump(QStringLiteral("in-editor"), environment()).err, QString());
+        QDeadlineTimer deadline(kTimeoutMs);
+        while (argumentsSeenBy(QStringLiteral("xdg-open")).isEmpty() && !deadline.hasExpired())
+            QThread::msleep(20);
+        QCOMPARE(argumentsSeenBy(QStringLiteral("cursor")), QStringList{QStringLiteral("/work/alpha")});
+        QCOMPARE(argumentsSeenBy(QStringLiteral("xdg-open")),
+                 QStringList{QStringLiteral("cursor://anthropic.claude-code/open?session=in-editor")});
+    }
+
     void badPlacesAreErrorsNotCommands()
     {
         standIn(QStringLiteral("kitty"));
