@@ -12,4 +12,8 @@ std::unique_ptr<Jumper> makeSystemJumper();
 // that exit right after jumping.
 void waitForDeferredJumps();
 
+// Jumpers count the work they leave on the event loop, so that waitForDeferredJumps knows its end.
+void beginDeferredJump();
+void endDeferredJump();
+
 } // namespace skeldrin

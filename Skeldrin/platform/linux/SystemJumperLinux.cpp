@@ -9,14 +9,10 @@
 
 #include <QDBusConnection>
 #include <QDBusMessage>
-#include <QEventLoop>
 #include <QFile>
 #include <QLoggingCategory>
 #include <QProcess>
 #include <QTimer>
-
-#include <atomic>
-#include <chrono>
 
 Q_LOGGING_CATEGORY(lcJumpLinux, "app.skeldrin.jump")
 
@@ -27,8 +23,6 @@ using namespace linux_jump;
 
 constexpr int commandTimeoutMs = 2000;
 constexpr int deepLinkDelayMs = 600;
-
-std::atomic<int> deferredJumps{0};
 
 struct Result {
     int exitCode = -1;
@@ -176,11 +170,11 @@ void jumpTo(const EditorFolder& target)
                 .toStdString());
     if (!target.url) return;
     // The editor needs a moment to show the folder before it can take the link.
-    ++deferredJumps;
+    beginDeferredJump();
     QTimer::singleShot(deepLinkDelayMs, [url = QString::fromStdString(*target.url)] {
         if (!QProcess::startDetached(QStringLiteral("xdg-open"), {url}))
             qCWarning(lcJumpLinux, "opening %s failed: xdg-open could not be run", qUtf8Printable(url));
-        --deferredJumps;
+        endDeferredJump();
     });
 }
 
@@ -219,14 +213,6 @@ class LinuxJumper final : public Jumper {
 std::unique_ptr<Jumper> makeSystemJumper()
 {
     return std::make_unique<LinuxJumper>();
-}
-
-void waitForDeferredJumps()
-{
-    QEventLoop loop;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-    while (deferredJumps > 0 && std::chrono::steady_clock::now() < deadline)
-        loop.processEvents(QEventLoop::WaitForMoreEvents, 50);
 }
 
 } // namespace skeldrin

@@ -3,23 +3,18 @@
 #include "Skeldrin/platform/SystemJumper.h"
 #include "TrackerCore/JumpTarget.h"
 
-#include <QEventLoop>
 #include <QLoggingCategory>
 #include <QString>
 
 #import <AppKit/AppKit.h>
 #import <Foundation/Foundation.h>
 
-#include <atomic>
-#include <chrono>
 #include <functional>
 
 Q_LOGGING_CATEGORY(lcJumpMac, "app.skeldrin.jump")
 
 namespace skeldrin {
 namespace {
-
-std::atomic<int> deferredJumps{0};
 
 NSString* ns(const std::string& text)
 {
@@ -60,7 +55,7 @@ void open(NSArray<NSURL*>* urls, NSURL* app, std::function<void()> then)
                             if (error) {
                                 qCCritical(lcJumpMac, "opening %s failed: %s", opened.UTF8String,
                                            error.localizedDescription.UTF8String);
-                                if (then) --deferredJumps; // the follow-up will not come
+                                if (then) endDeferredJump(); // the follow-up will not come
                                 return;
                             }
                             if (then)
@@ -103,13 +98,13 @@ class MacJumper final : public Jumper {
                 return;
             case JumpTarget::Kind::editorSession: {
                 const std::string url = target->url;
-                ++deferredJumps;
+                beginDeferredJump();
                 open(@[ [NSURL fileURLWithPath:ns(target->folder)] ], appURL(target->bundleId), [url] {
                     // The editor needs a moment to show the folder before it can take the link.
                     dispatch_after(dispatch_time(DISPATCH_TIME_NOW, static_cast<int64_t>(0.6 * NSEC_PER_SEC)),
                                    dispatch_get_main_queue(), ^{
                                      openURL(url);
-                                     --deferredJumps;
+                                     endDeferredJump();
                                    });
                 });
                 return;
@@ -136,14 +131,6 @@ class MacJumper final : public Jumper {
 std::unique_ptr<Jumper> makeSystemJumper()
 {
     return std::make_unique<MacJumper>();
-}
-
-void waitForDeferredJumps()
-{
-    QEventLoop loop;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-    while (deferredJumps > 0 && std::chrono::steady_clock::now() < deadline)
-        loop.processEvents(QEventLoop::WaitForMoreEvents, 50);
 }
 
 } // namespace skeldrin
