@@ -253,7 +253,7 @@ class JumpLinuxTests : public QObject {
         QCOMPARE(jump(QStringLiteral("never-seen"), environment()).exitCode, 1);
     }
 
-    void x11TerminalBecomesTheActiveWindowEvenWhenMinimized()
+    void x11TerminalWindowsComeForwardEvenWhenMinimized()
     {
         for (const char* tool : {"Xvfb", "openbox", "xterm", "xdotool"})
             if (QStandardPaths::findExecutable(QString::fromLatin1(tool)).isEmpty())
@@ -317,6 +317,27 @@ class JumpLinuxTests : public QObject {
         QCOMPARE(waitForTitle(QStringLiteral("other")), QStringLiteral("other"));
         QCOMPARE(jump(QStringLiteral("in-xterm"), env).exitCode, 0);
         QCOMPARE(waitForTitle(QStringLiteral("hooked")), QStringLiteral("hooked"));
+
+        // A tmux pane: the terminal showing the attached client comes forward too.
+        const QString socket = path(QStringLiteral("tmux.sock"));
+        QCOMPARE(
+            run(QStringLiteral("tmux"),
+                {QStringLiteral("-S"), socket, QStringLiteral("-f"), QStringLiteral("/dev/null"),
+                 QStringLiteral("new-session"), QStringLiteral("-d"), hookLine(QStringLiteral("in-tmux"))},
+                env)
+                .exitCode,
+            0);
+        QVERIFY(waitForSession(QStringLiteral("in-tmux")));
+        startBackground(QStringLiteral("xterm"),
+                        {QStringLiteral("-title"), QStringLiteral("tmuxed"), QStringLiteral("-e"),
+                         QStringLiteral("tmux"), QStringLiteral("-S"), socket, QStringLiteral("attach")},
+                        env);
+        QCOMPARE(waitForTitle(QStringLiteral("tmuxed")), QStringLiteral("tmuxed"));
+        xdotool({QStringLiteral("windowactivate"), QStringLiteral("--sync"), other});
+        QCOMPARE(waitForTitle(QStringLiteral("other")), QStringLiteral("other"));
+        QCOMPARE(jump(QStringLiteral("in-tmux"), env).err, QString());
+        QCOMPARE(waitForTitle(QStringLiteral("tmuxed")), QStringLiteral("tmuxed"));
+        run(QStringLiteral("tmux"), {QStringLiteral("-S"), socket, QStringLiteral("kill-server")}, env);
     }
 };
 
