@@ -1,5 +1,6 @@
 // Jumping end to end on Linux: the real skeldrin-hook records where it runs, the real `skeldrin jump`
 // brings that place forward, checked with the terminals' own tools.
+#include <QDBusConnection>
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QDirIterator>
@@ -11,6 +12,16 @@
 #include <memory>
 
 namespace {
+
+// Stands in for a Konsole window on a private bus, remembering the session it was asked to show.
+class KonsoleWindow : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.kde.konsole.Window")
+  public:
+    int shown = -1;
+  public Q_SLOTS:
+    void setCurrentSession(int session) { shown = session; }
+};
 
 const QString kBin = QStringLiteral(SKELDRIN_BIN_DIR);
 constexpr int kTimeoutMs = 20000;
@@ -225,6 +236,45 @@ class JumpLinuxTests : public QObject {
         QCOMPARE(argumentsSeenBy(QStringLiteral("cursor")), QStringList{QStringLiteral("/work/alpha")});
         QCOMPARE(argumentsSeenBy(QStringLiteral("xdg-open")),
                  QStringList{QStringLiteral("cursor://anthropic.claude-code/open?session=in-editor")});
+    }
+
+    void konsoleIsAskedOverDBus()
+    {
+        if (QStandardPaths::findExecutable(QStringLiteral("dbus-daemon")).isEmpty())
+            QSKIP("dbus-daemon is not installed");
+        QProcess* daemon = startBackground(
+            QStringLiteral("dbus-daemon"),
+            {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address=1")},
+            environment());
+        QTRY_VERIFY_WITH_TIMEOUT(daemon->canReadLine(), kTimeoutMs);
+        const QString address = QString::fromUtf8(daemon->readLine()).trimmed();
+        QDBusConnection bus = QDBusConnection::connectToBus(address, QStringLiteral("konsole-stand-in"));
+        QVERIFY(bus.isConnected());
+        KonsoleWindow window;
+        QVERIFY(bus.registerObject(QStringLiteral("/Windows/2"), &window, QDBusConnection::ExportAllSlots));
+        QVERIFY(bus.registerService(QStringLiteral("org.kde.konsole-4242")));
+
+        QProcessEnvironment env = environment();
+        env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), address);
+        QProcessEnvironment inKonsole = env;
+        inKonsole.insert(QStringLiteral("KONSOLE_DBUS_SERVICE"), QStringLiteral("org.kde.konsole-4242"));
+        inKonsole.insert(QStringLiteral("KONSOLE_DBUS_SESSION"), QStringLiteral("/Sessions/5"));
+        inKonsole.insert(QStringLiteral("KONSOLE_DBUS_WINDOW"), QStringLiteral("/Windows/2"));
+        QCOMPARE(
+            run(kBin + QStringLiteral("/skeldrin-hook"), {}, inKonsole, payload(QStringLiteral("in-konsole")))
+                .exitCode,
+            0);
+
+        // The stand-in answers from this event loop, so the jump runs alongside it.
+        QProcess jumping;
+        jumping.setProcessEnvironment(env);
+        jumping.start(kBin + QStringLiteral("/skeldrin"),
+                      {QStringLiteral("jump"), QStringLiteral("in-konsole")});
+        QTRY_VERIFY_WITH_TIMEOUT(jumping.state() == QProcess::NotRunning, kTimeoutMs);
+        QCOMPARE(jumping.readAllStandardError(), QByteArray());
+        QCOMPARE(jumping.exitCode(), 0);
+        QCOMPARE(window.shown, 5);
+        QDBusConnection::disconnectFromBus(QStringLiteral("konsole-stand-in"));
     }
 
     void badPlacesAreErrorsNotCommands()
