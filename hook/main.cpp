@@ -13,9 +13,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <vector>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
 extern char** environ;
 
@@ -110,8 +110,8 @@ HookContext gatherContext()
         }
     }
     context.origin = Origin(environment, std::move(tty));
-    if (context.process && !context.origin.bundleId
-        && (context.origin.termProgram == "vscode" || context.origin.entrypoint == "claude-vscode"))
+    if (context.process && !context.origin.bundleId &&
+        (context.origin.termProgram == "vscode" || context.origin.entrypoint == "claude-vscode"))
         context.origin.editorExecutable = editorExecutable(ancestorExecutables(context.process->pid));
     return context;
 }

@@ -166,10 +166,12 @@ Options parse(const QStringList& arguments)
         options.command == QLatin1String("status") || options.command == QLatin1String("transcript");
     if (options.json && !takesJson)
         throw UsageError("--json does not apply to " + options.command.toStdString());
-    const bool takesOne = options.command == QLatin1String("transcript") || options.command == QLatin1String("jump");
+    const bool takesOne =
+        options.command == QLatin1String("transcript") || options.command == QLatin1String("jump");
     const qsizetype wanted = takesOne ? 1 : 0;
     if (options.positional.size() < wanted)
-        throw UsageError(options.command == QLatin1String("jump") ? "jump needs a SESSION_ID" : "transcript needs a FILE");
+        throw UsageError(options.command == QLatin1String("jump") ? "jump needs a SESSION_ID"
+                                                                  : "transcript needs a FILE");
     if (options.positional.size() > wanted)
         throw UsageError("unexpected argument " + options.positional[wanted].toStdString());
     return options;
