@@ -82,7 +82,8 @@ void activate(const std::string& bundleId)
 
 void openURL(const std::string& url)
 {
-    [[NSWorkspace sharedWorkspace] openURL:[NSURL URLWithString:ns(url)]];
+    // The URL was checked when the target was resolved; nil here would only come from bad UTF-8.
+    if (NSURL* link = [NSURL URLWithString:ns(url)]) [[NSWorkspace sharedWorkspace] openURL:link];
 }
 
 class MacJumper final : public Jumper {
@@ -98,8 +99,9 @@ class MacJumper final : public Jumper {
                 return;
             case JumpTarget::Kind::editorSession: {
                 const std::string url = target->url;
+                NSURL* editor = appURL(target->bundleId);
                 beginDeferredJump();
-                open(@[ [NSURL fileURLWithPath:ns(target->folder)] ], appURL(target->bundleId), [url] {
+                open(@[ [NSURL fileURLWithPath:ns(target->folder)] ], editor, [url] {
                     // The editor needs a moment to show the folder before it can take the link.
                     dispatch_after(dispatch_time(DISPATCH_TIME_NOW, static_cast<int64_t>(0.6 * NSEC_PER_SEC)),
                                    dispatch_get_main_queue(), ^{
