@@ -16,9 +16,10 @@ Q_LOGGING_CATEGORY(lcJumpMac, "app.skeldrin.jump")
 namespace skeldrin {
 namespace {
 
+// Never nil: bad UTF-8 from a session file is replaced rather than dropped.
 NSString* ns(const std::string& text)
 {
-    return [NSString stringWithUTF8String:text.c_str()];
+    return QString::fromStdString(text).toNSString();
 }
 
 bool runScript(const std::string& source)
@@ -82,7 +83,7 @@ void activate(const std::string& bundleId)
 
 void openURL(const std::string& url)
 {
-    // The URL was checked when the target was resolved; nil here would only come from bad UTF-8.
+    // The URL was checked when the target was resolved.
     if (NSURL* link = [NSURL URLWithString:ns(url)]) [[NSWorkspace sharedWorkspace] openURL:link];
 }
 
