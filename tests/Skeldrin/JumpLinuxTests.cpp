@@ -340,10 +340,12 @@ class JumpLinuxTests : public QObject {
         auto bringForward = [&](const QString& title) {
             QDeadlineTimer until(kTimeoutMs);
             while (!until.hasExpired() && activeTitle() != title) {
-                const QString window = xdotool({QStringLiteral("search"), QStringLiteral("--name"),
-                                                QLatin1Char('^') + title + QLatin1Char('$')})
-                                           .out.section(QLatin1Char('\n'), 0, 0);
-                if (!window.isEmpty()) xdotool({QStringLiteral("windowactivate"), window});
+                const QStringList windows =
+                    xdotool({QStringLiteral("search"), QStringLiteral("--onlyvisible"),
+                             QStringLiteral("--name"), QLatin1Char('^') + title + QLatin1Char('$')})
+                        .out.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+                for (const QString& window : windows)
+                    xdotool({QStringLiteral("windowactivate"), window});
                 QThread::msleep(100);
             }
             return activeTitle();
