@@ -2,6 +2,8 @@
 
 #include "TrackerCore/Editor.h"
 
+#include <algorithm>
+
 namespace skeldrin {
 namespace {
 
@@ -11,6 +13,38 @@ std::optional<std::string> variable(const Environment& environment, const char* 
     if (it == environment.end()) return std::nullopt;
     return it->second;
 }
+
+std::optional<std::string> tmuxSocketOf(const Environment& environment)
+{
+    auto value = variable(environment, "TMUX");
+    if (value) value->erase(std::min(value->find(','), value->size()));
+    return value;
+}
+
+// Each optional field beside its JSON key, so that encoding and decoding cannot drift apart.
+struct Field {
+    const char* key;
+    std::optional<std::string> Origin::*member;
+};
+constexpr Field fields[] = {
+    {"entrypoint", &Origin::entrypoint},
+    {"hostSessionId", &Origin::hostSessionId},
+    {"termProgram", &Origin::termProgram},
+    {"bundleId", &Origin::bundleId},
+    {"tty", &Origin::tty},
+    {"projectDir", &Origin::projectDir},
+    {"tmuxSocket", &Origin::tmuxSocket},
+    {"tmuxPane", &Origin::tmuxPane},
+    {"kittyWindowId", &Origin::kittyWindowId},
+    {"kittyListenOn", &Origin::kittyListenOn},
+    {"weztermPane", &Origin::weztermPane},
+    {"weztermSocket", &Origin::weztermSocket},
+    {"konsoleService", &Origin::konsoleService},
+    {"konsoleSession", &Origin::konsoleSession},
+    {"konsoleWindow", &Origin::konsoleWindow},
+    {"x11Window", &Origin::x11Window},
+    {"editorExecutable", &Origin::editorExecutable},
+};
 
 void putOptional(Json& object, const char* key, const std::optional<std::string>& value)
 {
@@ -26,10 +60,23 @@ Origin::Origin(const Environment& environment, std::optional<std::string> tty_)
     , bundleId(variable(environment, "__CFBundleIdentifier"))
     , tty(std::move(tty_))
     , projectDir(variable(environment, "CLAUDE_PROJECT_DIR"))
+    , tmuxSocket(tmuxSocketOf(environment))
+    , tmuxPane(variable(environment, "TMUX_PANE"))
+    , kittyWindowId(variable(environment, "KITTY_WINDOW_ID"))
+    , kittyListenOn(variable(environment, "KITTY_LISTEN_ON"))
+    , weztermPane(variable(environment, "WEZTERM_PANE"))
+    , weztermSocket(variable(environment, "WEZTERM_UNIX_SOCKET"))
+    , konsoleService(variable(environment, "KONSOLE_DBUS_SERVICE"))
+    , konsoleSession(variable(environment, "KONSOLE_DBUS_SESSION"))
+    , konsoleWindow(variable(environment, "KONSOLE_DBUS_WINDOW"))
+    , x11Window(variable(environment, "WINDOWID"))
 {
 }
 
-bool Origin::isHeadless() const { return entrypoint && entrypoint->starts_with("sdk-"); }
+bool Origin::isHeadless() const
+{
+    return entrypoint && entrypoint->starts_with("sdk-");
+}
 
 std::string Origin::appName() const
 {
@@ -47,12 +94,8 @@ std::string Origin::appName() const
 Json toJson(const Origin& origin)
 {
     Json object = Json::object();
-    putOptional(object, "entrypoint", origin.entrypoint);
-    putOptional(object, "hostSessionId", origin.hostSessionId);
-    putOptional(object, "termProgram", origin.termProgram);
-    putOptional(object, "bundleId", origin.bundleId);
-    putOptional(object, "tty", origin.tty);
-    putOptional(object, "projectDir", origin.projectDir);
+    for (const Field& field : fields)
+        putOptional(object, field.key, origin.*field.member);
     return object;
 }
 
@@ -61,16 +104,27 @@ Origin originFromJson(const Json& json)
     using namespace json_field;
     expectObject(json, "origin");
     Origin origin;
-    origin.entrypoint = optionalString(json, "entrypoint");
-    origin.hostSessionId = optionalString(json, "hostSessionId");
-    origin.termProgram = optionalString(json, "termProgram");
-    origin.bundleId = optionalString(json, "bundleId");
-    origin.tty = optionalString(json, "tty");
-    origin.projectDir = optionalString(json, "projectDir");
+    for (const Field& field : fields)
+        origin.*field.member = optionalString(json, field.key);
     return origin;
 }
 
-Json toJson(const ProcessRef& process) { return Json{{"pid", process.pid}, {"startTime", process.startTime}}; }
+std::optional<std::string> editorExecutable(const std::vector<std::string>& ancestorExecutables)
+{
+    static const char* const editors[] = {"code",     "code-insiders", "code-oss", "cursor",
+                                          "windsurf", "codium",        "vscodium"};
+    for (const std::string& path : ancestorExecutables) {
+        const std::string name = path.substr(path.rfind('/') + 1);
+        for (const char* editor : editors)
+            if (name == editor) return name;
+    }
+    return std::nullopt;
+}
+
+Json toJson(const ProcessRef& process)
+{
+    return Json{{"pid", process.pid}, {"startTime", process.startTime}};
+}
 
 ProcessRef processRefFromJson(const Json& json)
 {

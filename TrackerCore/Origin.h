@@ -5,6 +5,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace skeldrin {
 
@@ -18,6 +19,20 @@ struct Origin {
     std::optional<std::string> bundleId;      // __CFBundleIdentifier
     std::optional<std::string> tty;           // controlling terminal of the Claude Code process
     std::optional<std::string> projectDir;    // CLAUDE_PROJECT_DIR
+
+    // Where the session runs on Linux desktops, as the hook found it (checked only when jumping).
+    std::optional<std::string> tmuxSocket;     // TMUX, up to the first comma
+    std::optional<std::string> tmuxPane;       // TMUX_PANE
+    std::optional<std::string> kittyWindowId;  // KITTY_WINDOW_ID
+    std::optional<std::string> kittyListenOn;  // KITTY_LISTEN_ON
+    std::optional<std::string> weztermPane;    // WEZTERM_PANE
+    std::optional<std::string> weztermSocket;  // WEZTERM_UNIX_SOCKET
+    std::optional<std::string> konsoleService; // KONSOLE_DBUS_SERVICE
+    std::optional<std::string> konsoleSession; // KONSOLE_DBUS_SESSION
+    std::optional<std::string> konsoleWindow;  // KONSOLE_DBUS_WINDOW
+    std::optional<std::string> x11Window;      // WINDOWID
+    std::optional<std::string>
+        editorExecutable; // VS Code-family editor hosting the session, by executable name
 
     Origin() = default;
     Origin(const Environment& environment, std::optional<std::string> tty);
@@ -50,5 +65,9 @@ Json toJson(const Origin& origin);
 Origin originFromJson(const Json& json); // throws DecodingError
 Json toJson(const ProcessRef& process);
 ProcessRef processRefFromJson(const Json& json); // throws DecodingError
+
+// The VS Code-family editor among the executables of a process's ancestors (nearest first): the
+// executable's file name when it is a known editor's, else nothing.
+std::optional<std::string> editorExecutable(const std::vector<std::string>& ancestorExecutables);
 
 } // namespace skeldrin

@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
 extern char** environ;
 
@@ -87,6 +88,19 @@ std::optional<ProcessRef> claudeProcess(const Environment& environment)
     return ProcessInspector::claude(static_cast<ProcessInspector::Pid>(::getpid()));
 }
 
+// Executables of a process and its ancestors, nearest first (bounded: a table can change under us).
+std::vector<std::string> ancestorExecutables(ProcessInspector::Pid pid)
+{
+    std::vector<std::string> executables;
+    for (int depth = 0; depth < 32 && pid > 1; ++depth) {
+        if (auto path = ProcessInspector::executablePath(pid)) executables.push_back(std::move(*path));
+        const auto record = ProcessInspector::lookup(pid);
+        if (!record) break;
+        pid = record->parentPid;
+    }
+    return executables;
+}
+
 HookContext gatherContext()
 {
     const Environment environment = currentEnvironment();
@@ -101,6 +115,9 @@ HookContext gatherContext()
         }
     }
     context.origin = Origin(environment, std::move(tty));
+    if (context.process && !context.origin.bundleId &&
+        (context.origin.termProgram == "vscode" || context.origin.entrypoint == "claude-vscode"))
+        context.origin.editorExecutable = editorExecutable(ancestorExecutables(context.process->pid));
     return context;
 }
 

@@ -1,6 +1,7 @@
 #include "Skeldrin/cli/Cli.h"
 
 #include "Skeldrin/cli/Watch.h"
+#include "Skeldrin/platform/SystemJumper.h"
 #include "TrackerCore/HookInstaller.h"
 #include "TrackerCore/SessionStore.h"
 #include "TrackerCore/Text.h"
@@ -28,6 +29,7 @@ Commands:
   disconnect                  remove them again
   hooks                       print the hook state: notInstalled, installed or outdated
   transcript FILE [--json]    what the end of a Claude Code transcript says
+  jump SESSION_ID             bring forward the terminal, pane or editor where a session runs
   --help                      show this help
   --version                   show the version
 
@@ -164,8 +166,12 @@ Options parse(const QStringList& arguments)
         options.command == QLatin1String("status") || options.command == QLatin1String("transcript");
     if (options.json && !takesJson)
         throw UsageError("--json does not apply to " + options.command.toStdString());
-    const qsizetype wanted = options.command == QLatin1String("transcript") ? 1 : 0;
-    if (options.positional.size() < wanted) throw UsageError("transcript needs a FILE");
+    const bool takesOne =
+        options.command == QLatin1String("transcript") || options.command == QLatin1String("jump");
+    const qsizetype wanted = takesOne ? 1 : 0;
+    if (options.positional.size() < wanted)
+        throw UsageError(options.command == QLatin1String("jump") ? "jump needs a SESSION_ID"
+                                                                  : "transcript needs a FILE");
     if (options.positional.size() > wanted)
         throw UsageError("unexpected argument " + options.positional[wanted].toStdString());
     return options;
@@ -239,6 +245,21 @@ int transcript(const Options& options)
     return 0;
 }
 
+int jump(const Options& options)
+{
+    const std::string id = options.positional.front().toStdString();
+    const auto loaded = SessionStore::defaultStore().loadAll();
+    const auto session = std::find_if(loaded.sessions.begin(), loaded.sessions.end(),
+                                      [&](const Session& candidate) { return candidate.id == id; });
+    if (session == loaded.sessions.end()) {
+        std::cerr << "skeldrin: no session " << oneLine(id) << '\n';
+        return 1;
+    }
+    makeSystemJumper()->jump(*session);
+    waitForDeferredJumps();
+    return 0;
+}
+
 int dispatch(const QStringList& arguments)
 {
     const QString command = arguments.value(1);
@@ -267,6 +288,7 @@ int dispatch(const QStringList& arguments)
     if (command == QLatin1String("disconnect")) return changeHooks(false);
     if (command == QLatin1String("hooks")) return hooks();
     if (command == QLatin1String("transcript")) return transcript(options);
+    if (command == QLatin1String("jump")) return jump(options);
     throw UsageError("unknown command " + command.toStdString());
 }
 
