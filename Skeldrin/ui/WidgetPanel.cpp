@@ -11,7 +11,10 @@ WidgetPanel::WidgetPanel(SessionsModel&, Updates&, AppSettings&, Callbacks, QObj
 WidgetPanel::~WidgetPanel() = default;
 
 void WidgetPanel::refreshVisibility() {}
-bool WidgetPanel::isShown() const { return false; }
+bool WidgetPanel::isShown() const
+{
+    return false;
+}
 void WidgetPanel::setCardMenuExtension(std::function<void(QMenu&)>) {}
 
 } // namespace skeldrin

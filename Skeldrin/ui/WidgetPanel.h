@@ -14,7 +14,7 @@ class Updates;
 
 class WidgetPanel : public QObject {
     Q_OBJECT
-public:
+  public:
     struct Callbacks {
         std::function<void()> openSettings;
         std::function<void()> quit;
