@@ -42,6 +42,12 @@ void makePanelWindow(QWidget& window)
     window.setFocusPolicy(Qt::NoFocus);
 }
 
+// Whole pixels without changing the size, which toAlignedRect() would grow for a fractional origin.
+QRect pixelRect(const QRectF& r)
+{
+    return {qRound(r.x()), qRound(r.y()), qRound(r.width()), qRound(r.height())};
+}
+
 } // namespace
 
 struct WidgetPanel::State : QObject {
@@ -61,10 +67,7 @@ struct WidgetPanel::State : QObject {
     YUpRect visibleFrame(std::optional<QPointF> p) const;
     std::optional<Placement> savedPlacement() const;
     YUpRect widgetFrame() const { return yUp(view->frameGeometry()); }
-    void setWidgetFrame(const YUpRect& frame)
-    {
-        view->setGeometry(toQt(frame, primaryHeight()).toAlignedRect());
-    }
+    void setWidgetFrame(const YUpRect& frame) { view->setGeometry(pixelRect(toQt(frame, primaryHeight()))); }
     QPointF pointer() const { return flipPoint(env.pointer(), primaryHeight()); }
 
     void onSize(QSize size);
@@ -171,7 +174,7 @@ WidgetPanel::State::State(WidgetPanel& p, SessionsModel& m, Updates& u, AppSetti
     settle.addCubicBezierSegment(QPointF(0.22, 1.0), QPointF(0.36, 1.0), QPointF(1.0, 1.0));
     snapAnimation.setEasingCurve(settle);
     connect(&snapAnimation, &QVariantAnimation::valueChanged, this,
-            [this](const QVariant& value) { view->setGeometry(value.toRect()); });
+            [this](const QVariant& value) { view->move(value.toPoint()); });
 
     connect(&model, &SessionsModel::storedChanged, this, [this] { onListChanged(); });
     connect(&model, &SessionsModel::hookStateChanged, this, [this] { onListChanged(); });
@@ -203,7 +206,8 @@ std::optional<Placement> WidgetPanel::State::savedPlacement() const
 
 void WidgetPanel::State::onSize(QSize size)
 {
-    if (size.width() <= 0 || size.height() <= 0) return;
+    // The views report their first size while they are being built.
+    if (!view || size.width() <= 0 || size.height() <= 0) return;
     setWidgetFrame(placement.frame(QSizeF(size), visibleFrame(placement.point)));
     positionBar();
 }
@@ -277,8 +281,8 @@ void WidgetPanel::State::finishDrag()
     const YUpRect target = Placement::snap(frame, visible);
     placement = Placement::describing(target, visible);
     if (!(target == frame)) {
-        snapAnimation.setStartValue(view->geometry());
-        snapAnimation.setEndValue(toQt(target, primaryHeight()).toAlignedRect());
+        snapAnimation.setStartValue(view->pos());
+        snapAnimation.setEndValue(pixelRect(toQt(target, primaryHeight())).topLeft());
         snapAnimation.start();
     }
     settings.setValue(kPlacementKey, QString::fromUtf8(placement.toJson()));
@@ -310,11 +314,10 @@ void WidgetPanel::State::showBar()
 
 void WidgetPanel::State::positionBar()
 {
-    if (barSize.width() <= 0) return;
+    if (!view || !barView || barSize.width() <= 0) return;
     const YUpRect w = widgetFrame();
     const YUpRect visible = visibleFrame(QPointF(w.midX(), w.midY()));
-    barView->setGeometry(
-        toQt(placement.barFrame(QSizeF(barSize), w, visible), primaryHeight()).toAlignedRect());
+    barView->setGeometry(pixelRect(toQt(placement.barFrame(QSizeF(barSize), w, visible), primaryHeight())));
 }
 
 void WidgetPanel::State::checkPointer()
