@@ -29,22 +29,6 @@ std::optional<ListedSession> pointedEntry(const SessionsModel& model, const Widg
     return std::nullopt;
 }
 
-QString statusWordOf(const ListedSession& entry)
-{
-    if (entry.shade.kind == Shade::Kind::waitingOnRuns) return QStringLiteral("Waiting on background work");
-    switch (entry.shade.status) {
-    case Status::running:
-        return QStringLiteral("Running");
-    case Status::ready:
-        return QStringLiteral("Ready");
-    case Status::waiting:
-        return QStringLiteral("Needs approval");
-    case Status::multiStepWaiting:
-        return QStringLiteral("Needs several approvals");
-    }
-    return {};
-}
-
 void paintLight(QPainter& p, const QRectF& r, const QColor& fill)
 {
     p.setPen(QPen(QColor(0, 0, 0, 46), 0.5));
@@ -81,8 +65,8 @@ QStringList HoverBar::details() const
 {
     if (const auto entry = pointedEntry(model_, hover_)) {
         const auto& prompt = entry->session.lastPrompt;
-        return {QString::fromStdString(model_.displayName(entry->session)), statusWordOf(*entry),
-                QString::fromStdString(place(model_, *entry)),
+        return {QString::fromStdString(model_.displayName(entry->session)),
+                QString::fromStdString(statusWord(*entry)), QString::fromStdString(place(model_, *entry)),
                 prompt && !prompt->empty() ? QString::fromStdString(*prompt)
                                            : QStringLiteral("No prompt yet")};
     }

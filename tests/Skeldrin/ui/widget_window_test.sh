@@ -13,8 +13,8 @@ pids=()
 cleanup() { for p in "${pids[@]}"; do kill "$p" 2>/dev/null; done; wait 2>/dev/null; rm -rf "$tmp"; }
 trap cleanup EXIT
 fail() { echo "FAIL: $*"; import -display "$DISPLAY" -window root "$shots/failure.png" 2>/dev/null; exit 1; }
-# Waits up to five seconds for a command to succeed.
-until_ok() { for _ in $(seq 50); do "$@" >/dev/null 2>&1 && return 0; sleep 0.1; done; return 1; }
+# Waits up to ten seconds for a command to succeed (the machine may be busy).
+until_ok() { for _ in $(seq 100); do "$@" >/dev/null 2>&1 && return 0; sleep 0.1; done; return 1; }
 
 export HOME=$tmp/home XDG_CONFIG_HOME=$tmp/config XDG_DATA_HOME=$tmp/data XDG_CACHE_HOME=$tmp/cache
 export XDG_RUNTIME_DIR=$tmp/runtime
@@ -39,7 +39,11 @@ QT_QPA_PLATFORM=xcb "$harness" "$hook" "$tmp/settings.ini" >"$tmp/harness.log" 2
 pids+=($!)
 until_ok xdotool search --onlyvisible --name '^Skeldrin$' || fail "the widget did not show: $(cat "$tmp/harness.log")"
 widget=$(xdotool search --onlyvisible --name '^Skeldrin$' | head -1)
-sleep 1
+floating() {
+    xprop -id "$widget" _NET_WM_STATE | grep -q _NET_WM_STATE_SKIP_PAGER &&
+        xprop -id "$widget" _NET_WM_DESKTOP | grep -q 4294967295
+}
+until_ok floating
 
 state=$(xprop -id "$widget" _NET_WM_STATE _NET_WM_DESKTOP)
 echo "$state"
@@ -65,10 +69,10 @@ import -window root "$shots/widget-bar.png"
 xdotool mousemove $((X + 150)) $((Y + 30)) mousedown 1
 for x in 1200 900 600 300 $((30 + 150)); do xdotool mousemove "$x" $((Y + 30)); sleep 0.05; done
 xdotool mouseup 1
-sleep 1
-grep -q 'widget.placement=.*\\"x\\":\\"min\\"' "$tmp/settings.ini" || fail "the drag was not saved: $(cat "$tmp/settings.ini")"
-eval "$(xdotool getwindowgeometry --shell "$widget")"
-[ "$X" -le 20 ] || fail "the widget did not snap to the left edge (x = $X)"
+until_ok grep -q 'widget.placement=.*\\"x\\":\\"min\\"' "$tmp/settings.ini" ||
+    fail "the drag was not saved: $(cat "$tmp/settings.ini")"
+snapped() { eval "$(xdotool getwindowgeometry --shell "$widget")"; [ "$X" -le 20 ]; }
+until_ok snapped || fail "the widget did not snap to the left edge"
 xdotool mousemove 700 450
 sleep 0.6
 import -window root "$shots/widget-left.png"
