@@ -1,5 +1,6 @@
 #pragma once
 // The command-line front end: `skeldrin status`, `watch`, `connect`, `disconnect`, `hooks`, `transcript`.
+#include "Skeldrin/model/RowText.h"
 #include "Skeldrin/model/SessionsModel.h"
 #include "TrackerCore/Date.h"
 #include "TrackerCore/Json.h"
@@ -28,11 +29,8 @@ Json statusJson(const SessionsModel& model);
 // {"title", "interruptedAt", "runningBackgroundTasks": [...]}
 Json transcriptJson(const TranscriptTail& tail);
 
-// Where an entry runs, as the hover bar says it.
-std::string place(const SessionsModel& model, const ListedSession& entry);
-// The status word of a row.
-std::string statusWord(const ListedSession& entry);
-// "now", "7m", "3h", "2d".
-std::string elapsed(Date since, Date now);
+using skeldrin::elapsed;
+using skeldrin::place;
+using skeldrin::statusWord;
 
 } // namespace skeldrin::cli

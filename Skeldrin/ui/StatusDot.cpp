@@ -1,0 +1,96 @@
+#include "Skeldrin/ui/StatusDot.h"
+
+#include <QPainter>
+#include <QPainterPath>
+#include <QRadialGradient>
+
+namespace skeldrin {
+
+namespace {
+constexpr int kPingMilliseconds = 1600;
+constexpr double kPingScale = 2.2;
+constexpr double kPingOpacity = 0.9;
+} // namespace
+
+void paintStatusDot(QPainter& painter, QPointF centre, const DotStyle& style, double pingProgress)
+{
+    painter.save();
+    painter.setRenderHint(QPainter::Antialiasing);
+    const double r = style.size / 2;
+    if (style.glows) {
+        // A soft halo of the dot's colour, as wide as the shadow radius of 0.45 × size.
+        const double halo = r + style.size * 0.45;
+        QRadialGradient glow(centre, halo);
+        QColor inner = style.color;
+        inner.setAlphaF(0.9f);
+        QColor outer = style.color;
+        outer.setAlphaF(0.f);
+        glow.setColorAt(r / halo, inner);
+        glow.setColorAt(1.0, outer);
+        painter.setPen(Qt::NoPen);
+        painter.setBrush(glow);
+        painter.drawEllipse(centre, halo, halo);
+    }
+    if (style.rings && pingProgress >= 0) {
+        const double ringRadius = r * (1 + (kPingScale - 1) * pingProgress);
+        QColor ring = style.color;
+        ring.setAlphaF(float(kPingOpacity * (1 - pingProgress)));
+        painter.setPen(QPen(ring, 1.5));
+        painter.setBrush(Qt::NoBrush);
+        painter.drawEllipse(centre, ringRadius, ringRadius);
+    }
+    if (style.hollow) {
+        painter.setPen(QPen(style.color, style.size * 0.16));
+        painter.setBrush(Qt::NoBrush);
+        const double inset = r - style.size * 0.08;
+        painter.drawEllipse(centre, inset, inset);
+    } else {
+        painter.setPen(Qt::NoPen);
+        painter.setBrush(style.color);
+        painter.drawEllipse(centre, r, r);
+    }
+    painter.restore();
+}
+
+PingClock& PingClock::shared()
+{
+    static PingClock clock;
+    return clock;
+}
+
+PingClock::PingClock()
+{
+    animation_.setStartValue(0.0);
+    animation_.setEndValue(1.0);
+    animation_.setDuration(kPingMilliseconds);
+    animation_.setLoopCount(-1);
+    animation_.setEasingCurve(QEasingCurve::OutCubic);
+    connect(&animation_, &QVariantAnimation::valueChanged, this, [this] {
+        for (const auto& [owner, repaint] : watchers_)
+            repaint();
+    });
+}
+
+void PingClock::watch(const QObject* owner, std::function<void()> repaint)
+{
+    watchers_[owner] = std::move(repaint);
+    if (animation_.state() != QAbstractAnimation::Running) animation_.start();
+}
+
+void PingClock::unwatch(const QObject* owner)
+{
+    watchers_.erase(owner);
+    if (watchers_.empty()) animation_.stop();
+}
+
+double PingClock::progress() const
+{
+    return animation_.state() == QAbstractAnimation::Running ? animation_.currentValue().toDouble() : 0.0;
+}
+
+bool PingClock::running() const
+{
+    return animation_.state() == QAbstractAnimation::Running;
+}
+
+} // namespace skeldrin
