@@ -139,7 +139,10 @@ class TrayTests : public QObject {
     void switchesReadAndFlipTheirKeys()
     {
         AppFixture app;
+        app.put("one");
         WidgetPanel widget(*app.model, app.updates, app.settings, {});
+        widget.refreshVisibility();
+        QVERIFY(widget.isShown());
         StatusBarController tray(*app.model, app.updates, widget, app.settings, MenuBarIcon::artwork(), {});
         auto items = trayMenuItems(*app.model, app.updates, app.settings);
         QVERIFY(itemTitled(items, QStringLiteral("Show Widget")).checked);     // default on
@@ -149,11 +152,13 @@ class TrayTests : public QObject {
         tray.perform(itemTitled(items, QStringLiteral("Compact Widget")));
         QCOMPARE(app.settings.value(QStringLiteral("widget.visible")).toBool(), false);
         QCOMPARE(app.settings.value(QStringLiteral("widget.compact")).toBool(), true);
+        QVERIFY(!widget.isShown()); // hidden at once, not at the next cycle
 
         items = trayMenuItems(*app.model, app.updates, app.settings);
         QVERIFY(!itemTitled(items, QStringLiteral("Show Widget")).checked);
         tray.perform(itemTitled(items, QStringLiteral("Show Widget")));
         QCOMPARE(app.settings.value(QStringLiteral("widget.visible")).toBool(), true);
+        QVERIFY(widget.isShown());
     }
 
     void actionsReachTheirTargets()
