@@ -66,20 +66,31 @@ void StatusBarController::show()
     tray_->show();
 }
 
+std::optional<QColor> StatusBarController::badgeColour() const
+{
+    if (const auto urgent = model_.mostUrgent()) return Palette::color(*urgent, settings_);
+    return std::nullopt;
+}
+
 QImage StatusBarController::iconImage(int side) const
 {
-    std::optional<QColor> badge;
-    if (const auto urgent = model_.mostUrgent()) badge = Palette::color(*urgent, settings_);
-    return MenuBarIcon::image(artwork_, glyphColour, badge, side);
+    return MenuBarIcon::image(artwork_, glyphColour, badgeColour(), side);
 }
 
 void StatusBarController::updateIcon()
 {
+    // Most model changes leave the badge as it was; a new icon would make the panel fetch it again.
+    const std::optional<QColor> badge = badgeColour();
+    const QString toolTip = trayToolTip(model_);
+    if (iconDrawn_ && badge == shownBadge_ && toolTip == shownToolTip_) return;
     QIcon icon;
     for (int side : iconSides)
-        icon.addPixmap(QPixmap::fromImage(iconImage(side)));
+        icon.addPixmap(QPixmap::fromImage(MenuBarIcon::image(artwork_, glyphColour, badge, side)));
     tray_->setIcon(icon);
-    tray_->setToolTip(trayToolTip(model_));
+    tray_->setToolTip(toolTip);
+    iconDrawn_ = true;
+    shownBadge_ = badge;
+    shownToolTip_ = toolTip;
 }
 
 void StatusBarController::rebuildMenu()

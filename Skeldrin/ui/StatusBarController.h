@@ -4,10 +4,12 @@
 #include "Skeldrin/ui/TrayMenu.h"
 #include "Skeldrin/ui/WidgetPanel.h"
 
+#include <QColor>
 #include <QImage>
 #include <QObject>
 #include <functional>
 #include <memory>
+#include <optional>
 
 class QMenu;
 class QSystemTrayIcon;
@@ -41,6 +43,7 @@ class StatusBarController : public QObject {
     void appendMenu(QMenu& menu);
 
   private:
+    std::optional<QColor> badgeColour() const;
     void updateIcon();
     void rebuildMenu();
 
@@ -52,6 +55,9 @@ class StatusBarController : public QObject {
     Callbacks callbacks_;
     std::unique_ptr<QMenu> menu_;
     QSystemTrayIcon* tray_;
+    bool iconDrawn_ = false;
+    std::optional<QColor> shownBadge_;
+    QString shownToolTip_;
 };
 
 } // namespace skeldrin

@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <set>
 
-extern "C" void skeldrin_fail(const char* spec);
+extern "C" void skeldrin_fail(const char* rule);
 
 namespace fs = std::filesystem;
 namespace HookInstaller = skeldrin::HookInstaller;

@@ -1,6 +1,6 @@
 // Makes chosen system calls fail, for tests of what the store and the settings editor do when the disk
-// or the system does. Loaded with LD_PRELOAD into a dynamically linked hook (spec in $SKELDRIN_FAIL) or
-// linked into a test ahead of the C library (spec set with skeldrin_fail). A spec is
+// or the system does. Loaded with LD_PRELOAD into a dynamically linked hook (rule in $SKELDRIN_FAIL) or
+// linked into a test ahead of the C library (rule set with skeldrin_fail). A rule is
 // "call:error[:skip[:times]]": the named call fails with that error number after `skip` calls succeed,
 // `times` times (default: always). Only calls that write are counted: open with O_CREAT, write to a
 // descriptor above 2, fsync, rename, link, unlink, mkdir, flock.
@@ -20,19 +20,19 @@
 
 namespace {
 
-struct Spec {
+struct Rule {
     std::string call;
     int error = 0;
     long skip = 0, times = -1;
 };
 
 std::mutex mutex;
-Spec spec;
+Rule rule;
 bool loaded = false;
 
 void parse(const char* text)
 {
-    spec = Spec{};
+    rule = Rule{};
     if (!text || !*text) return;
     std::vector<std::string> fields(1);
     for (const char* c = text; *c; ++c) {
@@ -42,10 +42,10 @@ void parse(const char* text)
             fields.back() += *c;
     }
     fields.resize(4);
-    spec.call = fields[0];
-    spec.error = std::atoi(fields[1].c_str());
-    if (!fields[2].empty()) spec.skip = std::atol(fields[2].c_str());
-    if (!fields[3].empty()) spec.times = std::atol(fields[3].c_str());
+    rule.call = fields[0];
+    rule.error = std::atoi(fields[1].c_str());
+    if (!fields[2].empty()) rule.skip = std::atol(fields[2].c_str());
+    if (!fields[3].empty()) rule.times = std::atol(fields[3].c_str());
 }
 
 // Whether this call of `call` is to fail; sets errno when it is.
@@ -56,10 +56,10 @@ bool fails(const char* call)
         parse(std::getenv("SKELDRIN_FAIL"));
         loaded = true;
     }
-    if (spec.call != call || spec.times == 0) return false;
-    if (spec.skip > 0) return --spec.skip, false;
-    if (spec.times > 0) --spec.times;
-    errno = spec.error;
+    if (rule.call != call || rule.times == 0) return false;
+    if (rule.skip > 0) return --rule.skip, false;
+    if (rule.times > 0) --rule.times;
+    errno = rule.error;
     return true;
 }
 

@@ -20,7 +20,7 @@ QString autostartFile()
            QStringLiteral("/autostart/skeldrin.desktop");
 }
 
-// Quoted as the Desktop Entry specification asks for an Exec argument.
+// Exec arguments with spaces or quotes must be quoted, or the session launcher splits them.
 QString execArgument(QString path)
 {
     path.replace(QLatin1Char('\\'), QLatin1String("\\\\"));
