@@ -53,6 +53,13 @@ Placement::Anchor anchorOf(double lo, double hi, double innerLo, double innerHi)
     return Placement::Anchor::Center;
 }
 
+// Windows sit on whole pixels. Halves go up (y-up), so a widget centred on a point never ends up with its
+// middle below it: the bar's side is decided by that middle.
+double whole(double v)
+{
+    return std::floor(v + 0.5);
+}
+
 double at(Placement::Anchor anchor, double lo, double mid, double hi)
 {
     return anchor == Placement::Anchor::Min ? lo : anchor == Placement::Anchor::Max ? hi : mid;
@@ -113,8 +120,9 @@ Placement Placement::describing(const YUpRect& f, const YUpRect& visible)
 YUpRect Placement::frame(QSizeF size, const YUpRect& visible) const
 {
     const YUpRect inner = visible.insetBy(kScreenMargin);
-    return {pinned(x, point.x(), size.width(), inner.minX(), inner.maxX()),
-            pinned(y, point.y(), size.height(), inner.minY(), inner.maxY()), size.width(), size.height()};
+    return {whole(pinned(x, point.x(), size.width(), inner.minX(), inner.maxX())),
+            whole(pinned(y, point.y(), size.height(), inner.minY(), inner.maxY())), size.width(),
+            size.height()};
 }
 
 YUpRect Placement::magnet(const YUpRect& f, const YUpRect& visible)

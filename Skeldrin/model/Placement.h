@@ -46,6 +46,7 @@ struct Placement {
     // The placement that describes a frame: an edge within half a point of the inner frame is pinned.
     static Placement describing(const YUpRect& frame, const YUpRect& visible);
 
+    // The widget's frame for `size`, on whole points.
     YUpRect frame(QSizeF size, const YUpRect& visible) const;
     // Pulls a dragged frame softly toward edges within 40 points.
     static YUpRect magnet(const YUpRect& frame, const YUpRect& visible);

@@ -116,26 +116,31 @@ class PlacementTests : public QObject {
     void barSitsSixPointsAway_data()
     {
         QTest::addColumn<Placement>("placement");
-        QTest::addColumn<YUpRect>("widget");
+        QTest::addColumn<QSizeF>("widgetSize");
         QTest::addColumn<YUpRect>("bar");
         QTest::newRow("upper half: below, right-aligned")
-            << Placement{Anchor::Max, Anchor::Center, {1432, 600}} << YUpRect{1132, 500, 300, 200}
+            << Placement{Anchor::Max, Anchor::Center, {1432, 600}} << QSizeF(300, 200)
             << YUpRect{1032, 454, 400, 40};
         QTest::newRow("lower half: above, left-aligned")
-            << Placement{Anchor::Min, Anchor::Min, {8, 8}} << YUpRect{8, 8, 300, 200}
-            << YUpRect{8, 214, 400, 40};
-        QTest::newRow("centred, clamped to the top")
-            << Placement{Anchor::Center, Anchor::Max, {700, 892}} << YUpRect{550, 692, 300, 200}
-            << YUpRect{500, 646, 400, 40};
+            << Placement{Anchor::Min, Anchor::Min, {8, 8}} << QSizeF(300, 200) << YUpRect{8, 214, 400, 40};
+        QTest::newRow("centred, clamped to the top") << Placement{Anchor::Center, Anchor::Max, {700, 892}}
+                                                     << QSizeF(300, 200) << YUpRect{500, 646, 400, 40};
         QTest::newRow("lower half near the top of a short widget clamps inside")
-            << Placement{Anchor::Min, Anchor::Center, {8, 300}} << YUpRect{8, 100, 300, 400}
+            << Placement{Anchor::Min, Anchor::Center, {8, 300}} << QSizeF(300, 400)
             << YUpRect{8, 506, 400, 40};
+        // An odd height puts the exact frame on a half point; on whole pixels it must not drop below the
+        // middle and flip the bar above.
+        QTest::newRow("exactly centred, odd height: below")
+            << Placement{Anchor::Max, Anchor::Center, {1432, 450}} << QSizeF(300, 301)
+            << YUpRect{1032, 254, 400, 40};
     }
     void barSitsSixPointsAway()
     {
         QFETCH(Placement, placement);
-        QFETCH(YUpRect, widget);
+        QFETCH(QSizeF, widgetSize);
         QFETCH(YUpRect, bar);
+        const YUpRect widget = placement.frame(widgetSize, kVisible);
+        QCOMPARE(QPointF(widget.x, widget.y), QPointF(std::round(widget.x), std::round(widget.y)));
         QCOMPARE(placement.barFrame(QSizeF(400, 40), widget, kVisible), bar);
     }
 
