@@ -31,6 +31,7 @@ class PingClock : public QObject {
     // `repaint` is called on every frame while the owner is registered.
     void watch(const QObject* owner, std::function<void()> repaint);
     void unwatch(const QObject* owner);
+    bool watches(const QObject* owner) const { return watchers_.count(owner) > 0; }
     double progress() const;
     bool running() const;
 

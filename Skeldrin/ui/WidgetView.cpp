@@ -14,6 +14,7 @@
 #include <QMenu>
 #include <QPainter>
 #include <QPainterPath>
+#include <QToolTip>
 
 Q_LOGGING_CATEGORY(lcWidgetView, "app.skeldrin.widgetview")
 
@@ -24,6 +25,8 @@ namespace {
 constexpr double kRowWidth = 260;
 constexpr double kRowGap = 1;
 constexpr double kLinkX = 15;
+constexpr double kSpacerWidth = 4;
+const QColor kSpacerColor(255, 255, 255, 46);
 constexpr int kElapsedRefreshMs = 15000;
 const QString kCompactKey = QStringLiteral("widget.compact");
 
@@ -42,6 +45,12 @@ QColor white(double opacity)
     QColor c(Qt::white);
     c.setAlphaF(float(opacity));
     return c;
+}
+
+// The chevron is small; the pointer gets 3 points of slack around it.
+bool onToggle(const WidgetView::RowBox& row, QPointF at)
+{
+    return !row.toggle.isEmpty() && row.toggle.adjusted(-3, -3, 3, 3).contains(at);
 }
 
 double lineHeight(const QFont& font)
@@ -181,8 +190,12 @@ void WidgetView::relayout()
     for (std::size_t i = 0; i < list.size(); ++i) {
         const ListedSession& entry = list[i];
         if (i > 0) y += kRowGap;
-        RowBox row{entry, QRectF(x, y, kRowWidth, isRun(entry) ? runHeight : sessionHeight), {}, {}};
+        RowBox row{entry, QRectF(x, y, kRowWidth, isRun(entry) ? runHeight : sessionHeight), {}, {}, {}};
         const double column = entry.role == ListedSession::Role::child ? 9 : (isRun(entry) ? 12 : 14);
+        // Sessions are set apart by a short dash under the dots; runs keep a clear gap, their connector
+        // already crosses it.
+        if (i > 0 && !isRun(entry))
+            row.spacer = QRectF(x + 9 + column / 2 - kSpacerWidth / 2, y - kRowGap, kSpacerWidth, kRowGap);
         const double firstLine =
             isRun(entry) ? runHeight / 2 : 6 + lineHeight(uiFont(12, QFont::DemiBold)) / 2;
         row.dot = QPointF(x + 9 + column / 2, y + firstLine);
@@ -259,6 +272,7 @@ void WidgetView::paintRow(QPainter& painter, const RowBox& row, std::size_t inde
 {
     const ListedSession& entry = row.entry;
     const QRectF& f = row.frame;
+    if (!row.spacer.isEmpty()) painter.fillRect(row.spacer, kSpacerColor);
     if (hover_.sessionId() == entry.id()) {
         painter.setPen(Qt::NoPen);
         painter.setBrush(white(0.08));
@@ -353,13 +367,41 @@ void WidgetView::clickAt(QPointF at)
     }
     for (const RowBox& row : rows_) {
         if (!row.frame.contains(at)) continue;
-        if (row.toggle.adjusted(-3, -3, 3, 3).contains(at)) {
+        if (onToggle(row, at)) {
             if (callbacks_.onToggleRuns) callbacks_.onToggleRuns(row.entry);
         } else if (callbacks_.onActivate) {
             callbacks_.onActivate(row.entry);
         }
         return;
     }
+}
+
+QString WidgetView::helpTextAt(QPointF at) const
+{
+    for (const RowBox& row : rows_)
+        if (onToggle(row, at))
+            return row.entry.runsFolded ? QStringLiteral("Show background runs")
+                                        : QStringLiteral("Hide background runs");
+    return {};
+}
+
+bool WidgetView::animating() const
+{
+    return PingClock::shared().running() && PingClock::shared().watches(this);
+}
+
+bool WidgetView::event(QEvent* event)
+{
+    if (event->type() == QEvent::ToolTip) {
+        const auto* help = static_cast<QHelpEvent*>(event);
+        const QString text = helpTextAt(help->pos());
+        if (text.isEmpty())
+            QToolTip::hideText();
+        else
+            QToolTip::showText(help->globalPos(), text, this);
+        return true;
+    }
+    return QWidget::event(event);
 }
 
 void WidgetView::mouseReleaseEvent(QMouseEvent* event)

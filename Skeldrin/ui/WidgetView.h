@@ -56,6 +56,7 @@ class WidgetView : public QWidget {
         QRectF frame;
         QRectF toggle; // empty when the row has no runs to fold
         QPointF dot;
+        QRectF spacer; // the dash in the gap above a session row; empty where the gap stays clear
     };
 
     WidgetView(SessionsModel& model, Updates& updates, AppSettings& settings, WidgetHover& hover,
@@ -77,8 +78,13 @@ class WidgetView : public QWidget {
     void fillRowMenu(QMenu& menu, const ListedSession& entry);
     // The click a press and release at `at` make.
     void clickAt(QPointF at);
+    // The help text shown for `at`: the runs chevron's, else none.
+    QString helpTextAt(QPointF at) const;
+    // Whether the ping rings are animating for this card.
+    bool animating() const;
 
   protected:
+    bool event(QEvent* event) override;
     void paintEvent(QPaintEvent* event) override;
     void mouseReleaseEvent(QMouseEvent* event) override;
     void contextMenuEvent(QContextMenuEvent* event) override;

@@ -4,6 +4,7 @@
 #include "Skeldrin/model/SessionsModel.h"
 #include "Skeldrin/model/Updates.h"
 #include "Skeldrin/ui/HoverBar.h"
+#include "Skeldrin/ui/StatusDot.h"
 #include "Skeldrin/ui/WidgetPanel.h"
 #include "Skeldrin/ui/WidgetView.h"
 #include <QMenu>
@@ -51,12 +52,15 @@ class WidgetTests : public QObject {
     QPointF pointer;
     qint64 milliseconds = 0;
 
-    void put(const std::string& id, Phase phase, std::optional<std::string> prompt = std::nullopt)
+    void put(const std::string& id, Phase phase, std::optional<std::string> prompt = std::nullopt,
+             int pendingApprovals = 0, std::optional<std::string> parent = std::nullopt)
     {
         Session s(id, "claude", "/work/" + id, {}, std::nullopt,
                   time_point_cast<microseconds>(system_clock::now()));
         s.phase = phase;
         s.lastPrompt = std::move(prompt);
+        s.pendingApprovals = pendingApprovals;
+        s.parentId = std::move(parent);
         store->update(id, [&](const auto&) { return std::optional(s); });
     }
     void makePanel()
@@ -263,6 +267,49 @@ class WidgetTests : public QObject {
                     text = image.pixelColor(x, y).lightness() > 200;
             QVERIFY(text);
         }
+        // The second session is set apart by a dash under the dots; the rest of the gap stays clear.
+        const QRectF dash = v.rows().back().spacer;
+        QVERIFY(!dash.isEmpty());
+        const QPoint onDash = dash.topLeft().toPoint() + QPoint(2, 0);
+        QVERIFY(image.pixelColor(onDash).lightness() >
+                image.pixelColor(onDash + QPoint(20, 0)).lightness() + 10);
+    }
+
+    void ringsAnimateOnlyWhileSomethingWaits()
+    {
+        put("a", Phase::running);
+        model->reload();
+        makePanel();
+        panel->refreshVisibility();
+        QVERIFY(!view().animating());
+        put("a", Phase::running, std::nullopt, 1);
+        model->reload();
+        QVERIFY(view().animating());
+        // Hidden, the ring stops; shown again while it still waits, it resumes.
+        settings->setValue(QStringLiteral("widget.visible"), false);
+        QVERIFY(!view().animating());
+        settings->setValue(QStringLiteral("widget.visible"), true);
+        QVERIFY(view().animating());
+        put("a", Phase::idle);
+        model->reload();
+        QVERIFY(!view().animating());
+        QVERIFY(!PingClock::shared().running()); // no timer left behind
+    }
+
+    void chevronFoldsRunsAndSaysSo()
+    {
+        put("a", Phase::idle);
+        put("b", Phase::running, std::nullopt, 0, "a");
+        model->reload();
+        makePanel();
+        const auto chevron = [&] { return view().rows().front().toggle.center(); };
+        QCOMPARE(view().rows().size(), std::size_t(2));
+        QCOMPARE(view().helpTextAt(chevron()), QStringLiteral("Hide background runs"));
+        view().clickAt(chevron());
+        QCOMPARE(view().rows().size(), std::size_t(1));
+        QCOMPARE(view().helpTextAt(chevron()), QStringLiteral("Show background runs"));
+        QCOMPARE(view().helpTextAt(view().rows().front().frame.center()), QString());
+        QVERIFY(jumper.jumped.empty());
     }
 
     void noticeAndMenusSayWhatTheyDo()
