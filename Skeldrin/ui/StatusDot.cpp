@@ -8,6 +8,7 @@ namespace skeldrin {
 
 namespace {
 constexpr int kPingMilliseconds = 1600;
+constexpr int kPingFrameMs = 40;
 constexpr double kPingScale = 2.2;
 constexpr double kPingOpacity = 0.9;
 } // namespace
@@ -60,12 +61,9 @@ PingClock& PingClock::shared()
 
 PingClock::PingClock()
 {
-    animation_.setStartValue(0.0);
-    animation_.setEndValue(1.0);
-    animation_.setDuration(kPingMilliseconds);
-    animation_.setLoopCount(-1);
-    animation_.setEasingCurve(QEasingCurve::OutCubic);
-    connect(&animation_, &QVariantAnimation::valueChanged, this, [this] {
+    frames_.setInterval(kPingFrameMs);
+    frames_.setTimerType(Qt::CoarseTimer);
+    connect(&frames_, &QTimer::timeout, this, [this] {
         for (const auto& [owner, repaint] : watchers_)
             repaint();
     });
@@ -74,23 +72,27 @@ PingClock::PingClock()
 void PingClock::watch(const QObject* owner, std::function<void()> repaint)
 {
     watchers_[owner] = std::move(repaint);
-    if (animation_.state() != QAbstractAnimation::Running) animation_.start();
+    if (!frames_.isActive()) {
+        started_.start();
+        frames_.start();
+    }
 }
 
 void PingClock::unwatch(const QObject* owner)
 {
     watchers_.erase(owner);
-    if (watchers_.empty()) animation_.stop();
+    if (watchers_.empty()) frames_.stop();
 }
 
 double PingClock::progress() const
 {
-    return animation_.state() == QAbstractAnimation::Running ? animation_.currentValue().toDouble() : 0.0;
+    if (!frames_.isActive()) return 0.0;
+    return easeOut_.valueForProgress(double(started_.elapsed() % kPingMilliseconds) / kPingMilliseconds);
 }
 
 bool PingClock::running() const
 {
-    return animation_.state() == QAbstractAnimation::Running;
+    return frames_.isActive();
 }
 
 } // namespace skeldrin

@@ -249,7 +249,7 @@ void WidgetView::hideEvent(QHideEvent* event)
     PingClock::shared().unwatch(this);
 }
 
-void WidgetView::paintEvent(QPaintEvent*)
+void WidgetView::paintEvent(QPaintEvent* event)
 {
     QPainter painter(this);
     painter.setRenderHint(QPainter::Antialiasing);
@@ -264,8 +264,11 @@ void WidgetView::paintEvent(QPaintEvent*)
         painter.drawText(noticeFrame_.adjusted(12, 0, -12, 0), Qt::AlignVCenter | Qt::AlignLeft,
                          noticeTitle_);
     }
+    // A ring's frame repaints only its dot: rows it does not touch (grown by what they draw outside their
+    // frame: ring, connector, spacer) are not laid out again.
     for (std::size_t i = 0; i < rows_.size(); ++i)
-        paintRow(painter, rows_[i], i);
+        if (event->region().intersects(rows_[i].frame.adjusted(0, -12, 0, 12).toAlignedRect()))
+            paintRow(painter, rows_[i], i);
 }
 
 void WidgetView::paintRow(QPainter& painter, const RowBox& row, std::size_t index)
