@@ -39,6 +39,7 @@ StatusBarController::StatusBarController(SessionsModel& model, Updates& updates,
     , tray_(new QSystemTrayIcon(this))
 {
     Theme::makeDark(*menu_);
+    answerKeyEquivalents(*menu_);
     tray_->setContextMenu(menu_.get());
     connect(menu_.get(), &QMenu::aboutToShow, this, &StatusBarController::rebuildMenu);
     // A left click opens the same menu, as the status item does; macOS does that itself.
@@ -104,6 +105,7 @@ void StatusBarController::appendMenu(QMenu& menu)
     QMenu own;
     fillMenu(own, trayMenuItems(model_, updates_, settings_),
              [this](const TrayMenuItem& item) { perform(item); });
+    answerKeyEquivalents(menu);
     menu.addSeparator();
     for (QAction* action : own.actions()) {
         own.removeAction(action);

@@ -6,6 +6,7 @@
 #include "Skeldrin/model/Updates.h"
 
 #include <QAction>
+#include <QKeyEvent>
 #include <QMenu>
 #include <QPainter>
 
@@ -123,6 +124,45 @@ QImage statusDotImage(const QColor& color, bool hollow, qreal devicePixelRatio)
         painter.drawEllipse(QRectF(5, 5, 8, 8));
     }
     return image;
+}
+
+namespace {
+
+class KeyEquivalents : public QObject {
+  public:
+    explicit KeyEquivalents(QMenu& menu)
+        : QObject(&menu)
+        , menu_(menu)
+    {
+    }
+    bool eventFilter(QObject*, QEvent* event) override
+    {
+        if (event->type() != QEvent::KeyPress) return false;
+        const QKeySequence pressed(static_cast<QKeyEvent*>(event)->keyCombination());
+        for (QAction* action : menu_.actions()) {
+            if (!action->isEnabled() || action->shortcut().isEmpty() ||
+                action->shortcut().matches(pressed) != QKeySequence::ExactMatch)
+                continue;
+            // Closed first, as a click would: what the entry opens must not sit under a dying popup.
+            menu_.close();
+            action->trigger();
+            return true;
+        }
+        return false;
+    }
+
+  private:
+    QMenu& menu_;
+};
+
+} // namespace
+
+void answerKeyEquivalents(QMenu& menu)
+{
+    static const char* const kAnswering = "skeldrin.keyEquivalents";
+    if (menu.property(kAnswering).toBool()) return;
+    menu.setProperty(kAnswering, true);
+    menu.installEventFilter(new KeyEquivalents(menu));
 }
 
 void fillMenu(QMenu& menu, const std::vector<TrayMenuItem>& items,

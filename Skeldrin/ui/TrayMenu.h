@@ -44,6 +44,11 @@ QString trayToolTip(const SessionsModel& model);
 // An 18 × 18 point session dot for a menu entry, at the given device pixel ratio.
 QImage statusDotImage(const QColor& color, bool hollow, qreal devicePixelRatio);
 
+// Makes the menu answer its entries' key equivalents while it is open. Qt matches an entry's shortcut
+// only through a window that shows the menu's own entry (a menu bar); a menu popped up on its own, as the
+// tray's and the card's are, has none, so the menu matches them itself.
+void answerKeyEquivalents(QMenu& menu);
+
 // Replaces the menu's entries with the items; choosing one calls back with its item.
 void fillMenu(QMenu& menu, const std::vector<TrayMenuItem>& items,
               const std::function<void(const TrayMenuItem&)>& chosen);

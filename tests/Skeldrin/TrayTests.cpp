@@ -202,13 +202,21 @@ class TrayTests : public QObject {
         card.addAction(QStringLiteral("Own entry"));
         tray.appendMenu(card);
         QCOMPARE(card.actions().size(), 1 + 1 + 7);
-        int quits = 0;
+        int quits = 0, settingsOpened = 0;
         StatusBarController quitting(*app.model, app.updates, widget, app.settings, MenuBarIcon::artwork(),
-                                     {{}, [&] { ++quits; }});
+                                     {[&] { ++settingsOpened; }, [&] { ++quits; }});
         QMenu other;
         quitting.appendMenu(other);
         other.actions().last()->trigger();
         QCOMPARE(quits, 1);
+        // The key equivalents work while either menu is open.
+        QMenu* own = quitting.trayIcon().contextMenu();
+        Q_EMIT own->aboutToShow();
+        QTest::keyClick(own, Qt::Key_Comma, Qt::ControlModifier);
+        QTest::keyClick(&other, Qt::Key_Q, Qt::ControlModifier);
+        QTest::keyClick(own, Qt::Key_Q); // the letter alone is not the equivalent
+        QCOMPARE(settingsOpened, 1);
+        QCOMPARE(quits, 2);
     }
 
     void iconCarriesNotchAndBadge_data()
