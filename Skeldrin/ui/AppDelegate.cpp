@@ -20,12 +20,17 @@
 #include <QColorDialog>
 #include <QDir>
 #include <QEvent>
+#include <QKeyEvent>
+#include <QLabel>
 #include <QLoggingCategory>
 #include <QMessageBox>
 #include <QMoveEvent>
+#include <QPainter>
 #include <QScreen>
 #include <QSystemTrayIcon>
+#include <QToolButton>
 #include <QVBoxLayout>
+#include <QWindow>
 #include <stdexcept>
 
 Q_LOGGING_CATEGORY(lcApp, "app.skeldrin.app")
@@ -38,6 +43,53 @@ void MessageBoxAlerts::showError(const QString& title, const QString& text)
     QMessageBox box(QMessageBox::Warning, QStringLiteral("Skeldrin"), title, QMessageBox::Ok);
     box.setInformativeText(text);
     box.exec();
+}
+
+SettingsWindow::SettingsWindow()
+    : QWidget(nullptr, Qt::Tool | Qt::FramelessWindowHint)
+{
+}
+
+QLayout* SettingsWindow::titleBar()
+{
+    auto* bar = new QHBoxLayout;
+    bar->setContentsMargins(6, 0, 6, 0);
+    auto* close = new QToolButton(this);
+    close->setFixedSize(12, 12);
+    close->setToolTip(QStringLiteral("Close"));
+    close->setAccessibleName(QStringLiteral("Close"));
+    close->setCursor(Qt::ArrowCursor);
+    close->setStyleSheet(QStringLiteral("QToolButton { background: rgb(255, 95, 87); border-radius: 6px; "
+                                        "border: 1px solid rgba(0, 0, 0, 46); }"));
+    connect(close, &QToolButton::clicked, this, &QWidget::close);
+    auto* title = new QLabel(QStringLiteral("Skeldrin"), this);
+    title->setAlignment(Qt::AlignCenter);
+    title->setStyleSheet(QStringLiteral("color: rgba(255, 255, 255, 140); font-weight: 600;"));
+    bar->addWidget(close);
+    bar->addWidget(title, 1);
+    bar->addSpacing(12); // keeps the title centred against the button
+    return bar;
+}
+
+void SettingsWindow::mousePressEvent(QMouseEvent* event)
+{
+    // Moved by its background, as there is no title bar to hold.
+    if (event->button() == Qt::LeftButton && windowHandle()) windowHandle()->startSystemMove();
+}
+
+void SettingsWindow::keyPressEvent(QKeyEvent* event)
+{
+    if (event->key() == Qt::Key_Escape)
+        close();
+    else
+        QWidget::keyPressEvent(event);
+}
+
+void SettingsWindow::paintEvent(QPaintEvent*)
+{
+    QPainter painter(this);
+    painter.setPen(QColor(255, 255, 255, 36));
+    painter.drawRect(rect().adjusted(0, 0, -1, -1));
 }
 
 AppDelegate::AppDelegate() = default;
@@ -115,13 +167,13 @@ void AppDelegate::reopen()
 void AppDelegate::showSettings()
 {
     if (!settingsWindow_) {
-        auto* window = new QWidget(nullptr, Qt::Window | Qt::WindowTitleHint | Qt::WindowCloseButtonHint |
-                                                Qt::CustomizeWindowHint);
+        auto* window = new SettingsWindow;
         window->setWindowTitle(QStringLiteral("Skeldrin"));
         Theme::makeDark(*window);
         window->setAutoFillBackground(true);
         auto* layout = new QVBoxLayout(window);
-        layout->setContentsMargins(6, 2, 6, 4);
+        layout->setContentsMargins(6, 8, 6, 4);
+        layout->addLayout(window->titleBar());
         settingsView_ = new SettingsView(*model_, *settings_, window);
         layout->addWidget(settingsView_);
         window->setFixedSize(std::max(300, window->sizeHint().width()), window->sizeHint().height());

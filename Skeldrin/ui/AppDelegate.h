@@ -27,6 +27,21 @@ class MessageBoxAlerts : public Alerts {
     void showError(const QString& title, const QString& text) override;
 };
 
+// A small dark utility window: no title bar of the window manager's, so nothing to minimize or maximize;
+// its own close button and title, and it moves by its background.
+class SettingsWindow : public QWidget {
+    Q_OBJECT
+  public:
+    SettingsWindow();
+    // The close button and the title, for the top of the window's layout.
+    QLayout* titleBar();
+
+  protected:
+    void mousePressEvent(QMouseEvent* event) override;
+    void keyPressEvent(QKeyEvent* event) override;
+    void paintEvent(QPaintEvent* event) override;
+};
+
 class AppDelegate : public QObject {
     Q_OBJECT
   public:
