@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Runs the app under Xvfb with an XEmbed tray (trayer) and a window manager, on sessions recorded through
-# the real hook, and saves screenshots of the tray icon with its badge, the open menu and the settings
-# window. Usage: tray-screenshots.sh BIN_DIR OUT_DIR
+# the real hook, and saves screenshots of the tray icon with its badge beside the widget, the open menu and
+# the settings window. The menu's key equivalents are pressed for real: Ctrl+, opens the settings, Ctrl+Q
+# quits. Usage: tray-screenshots.sh BIN_DIR OUT_DIR
 set -euo pipefail
 bin=$1 out=$2
-for tool in Xvfb openbox trayer xdotool import convert; do
+for tool in Xvfb openbox trayer xdotool xprop import convert; do
     command -v "$tool" >/dev/null || { echo "SKIP: $tool is missing (scripts/install-deps --test)"; exit 0; }
 done
 mkdir -p "$out"
@@ -12,6 +13,22 @@ home=$(mktemp -d)
 pids=()
 cleanup() { for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done; wait 2>/dev/null || true; rm -rf "$home"; }
 trap cleanup EXIT
+fail() {
+    echo "FAIL: $*"
+    import -window root "$out/tray-failure.png" 2>/dev/null || true
+    cat "$home/app.log" 2>/dev/null || true
+    exit 1
+}
+# Waits up to twenty seconds for a command to succeed (the machine may be busy).
+until_ok() { for _ in $(seq 200); do "$@" >/dev/null 2>&1 && return 0; sleep 0.1; done; return 1; }
+# The widget and the settings window are both titled "Skeldrin".
+shown() { [ "$(xdotool search --onlyvisible --name '^Skeldrin$' 2>/dev/null | wc -l)" -ge "$1" ]; }
+# A region of the screen that is not one flat colour: something is drawn there.
+drawn() {
+    import -window root "$home/probe.png"
+    [ "$(convert "$home/probe.png" -crop "$1" +repage -format '%[fx:standard_deviation > 0.01]' info:)" = 1 ]
+}
+
 export HOME="$home" XDG_DATA_HOME="$home/data" XDG_CONFIG_HOME="$home/config" XDG_RUNTIME_DIR="$home/run"
 mkdir -m 700 "$XDG_RUNTIME_DIR"
 unset QT_QPA_PLATFORM WAYLAND_DISPLAY DBUS_SESSION_BUS_ADDRESS
@@ -27,29 +44,47 @@ event '{"hook_event_name":"Stop","session_id":"demo-release","cwd":"/src/app"}' 
 exec {fd}<> <(:)
 Xvfb -displayfd "$fd" -screen 0 900x520x24 -nolisten tcp >/dev/null 2>&1 &
 pids+=($!)
-read -r -t 20 -u "$fd" display
+read -r -t 20 -u "$fd" display || fail "Xvfb did not start"
 export DISPLAY=":$display"
 openbox >/dev/null 2>&1 &
 pids+=($!)
+until_ok sh -c 'xprop -root _NET_SUPPORTING_WM_CHECK | grep -q "window id"' || fail "openbox did not start"
 trayer --edge top --align right --widthtype request --height 30 --tint 0x2b2b2e --transparent true --alpha 0 \
     --SetDockType true >/dev/null 2>&1 &
 pids+=($!)
-sleep 1
+until_ok xdotool search --onlyvisible --class trayer || fail "trayer did not start"
 "$bin/skeldrin" >"$home/app.log" 2>&1 &
-pids+=($!)
-sleep 2
+app=$!
+pids+=($app)
+until_ok shown 1 || fail "the widget did not show"
+widget=$(xdotool search --onlyvisible --name '^Skeldrin$')
+# The icon sits at the right end of the tray.
+until_ok drawn 30x30+870+0 || fail "no icon in the tray"
+sleep 0.5 # the ring is caught mid-pulse rather than at its start
 
-import -window root "$home/root.png"
-convert "$home/root.png" -crop 120x30+780+0 +repage -filter point -resize 300% "$out/tray-icon.png"
+import -window root "$out/tray-and-widget.png"
+convert "$out/tray-and-widget.png" -crop 120x30+780+0 +repage -filter point -resize 300% "$out/tray-icon.png"
 
-xdotool mousemove 885 15 click 3
-sleep 1
+open_menu() {
+    xdotool mousemove 885 15 click 3
+    until_ok drawn 200x60+560+40 || fail "the tray menu did not open"
+}
+open_menu
 import -window root "$home/menu.png"
 convert "$home/menu.png" -crop 420x230+480+0 +repage "$out/tray-menu.png"
 
-# Up from nothing chosen lands on "Quit Skeldrin", once more on "Settings…".
-xdotool key Up Up Return
-sleep 1
-window=$(xdotool search --name '^Skeldrin$' | tail -1)
+xdotool key ctrl+comma
+until_ok shown 2 || fail "Ctrl+, in the open tray menu did not open the settings"
+window=$(xdotool search --onlyvisible --name '^Skeldrin$' | grep -vx "$widget")
+# A small utility window without the window manager's title bar and its minimize and maximize buttons.
+xprop -id "$window" _NET_WM_WINDOW_TYPE | grep -q _NET_WM_WINDOW_TYPE_UTILITY ||
+    fail "the settings window is not a utility window: $(xprop -id "$window" _NET_WM_WINDOW_TYPE)"
+until_ok sh -c "xprop -id $window _NET_FRAME_EXTENTS | grep -q '= 0, 0, 0, 0'" ||
+    fail "the window manager framed the settings window: $(xprop -id "$window" _NET_FRAME_EXTENTS)"
+sleep 0.3
 import -frame -window "$window" "$out/settings.png" 2>/dev/null || import -window "$window" "$out/settings.png"
+
+open_menu
+xdotool key ctrl+q
+until_ok sh -c "! kill -0 $app" || fail "Ctrl+Q in the open tray menu did not quit"
 echo "screenshots in $out"
