@@ -62,8 +62,9 @@ long statusField(qint64 pid, const char* key)
     return -1;
 }
 
-// Context switches of every thread of the process: each one is a wake-up or a preemption.
-long switches(qint64 pid)
+// Voluntary context switches of every thread of the process: each one is the thread going to sleep, so
+// one wake-up (preemptions by other processes are not counted).
+long wakeUps(qint64 pid)
 {
     long total = 0;
     const QString tasks = QStringLiteral("/proc/%1/task").arg(pid);
@@ -71,7 +72,7 @@ long switches(qint64 pid)
         QFile file(tasks + QLatin1Char('/') + task + QStringLiteral("/status"));
         if (!file.open(QIODevice::ReadOnly)) continue;
         for (const QByteArray& line : file.readAll().split('\n'))
-            if (line.startsWith("voluntary_ctxt_switches:") || line.startsWith("nonvoluntary_ctxt_switches:"))
+            if (line.startsWith("voluntary_ctxt_switches:"))
                 total += line.mid(line.indexOf(':') + 1).trimmed().toLong();
     }
     return total;
@@ -236,20 +237,17 @@ int main(int argc, char** argv)
         launch(idle);
         serveFor(3000); // start-up settles
         const qint64 pid = idle.processId();
-        const long mainBefore =
-            statusField(pid, "voluntary_ctxt_switches:") + statusField(pid, "nonvoluntary_ctxt_switches:");
-        const long allBefore = switches(pid);
+        const long mainBefore = statusField(pid, "voluntary_ctxt_switches:");
+        const long allBefore = wakeUps(pid);
         const double cpuBefore = cpuSeconds(pid);
         serveFor(idleSeconds * 1000);
-        const long mainAfter =
-            statusField(pid, "voluntary_ctxt_switches:") + statusField(pid, "nonvoluntary_ctxt_switches:");
+        const long mainAfter = statusField(pid, "voluntary_ctxt_switches:");
         std::printf(
             "idle, 20 sessions, %d waiting: wake-ups a second over %d s: %.2f main thread, %.2f all threads; "
             "CPU %.2f %% of one core; resident %ld kB (peak %ld kB)\n",
             waiting, idleSeconds, double(mainAfter - mainBefore) / idleSeconds,
-            double(switches(pid) - allBefore) / idleSeconds,
-            100 * (cpuSeconds(pid) - cpuBefore) / idleSeconds, statusField(pid, "VmRSS:"),
-            statusField(pid, "VmHWM:"));
+            double(wakeUps(pid) - allBefore) / idleSeconds, 100 * (cpuSeconds(pid) - cpuBefore) / idleSeconds,
+            statusField(pid, "VmRSS:"), statusField(pid, "VmHWM:"));
         stop(idle);
     }
     stop(xserver);
