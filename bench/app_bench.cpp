@@ -2,7 +2,7 @@
 // D-Bus bus with a minimal StatusNotifierWatcher) and its widget mapped on an Xvfb, with 200 sessions in
 // the store; then, with 20 sessions, its wake-ups, CPU and resident memory while idle: none waiting (nothing
 // moves), then one waiting (its ping ring animates).
-//   app_bench [runs] [idle seconds]
+//   app_bench [runs] [idle seconds] [sessions at start-up, 200]
 #include "TrackerCore/SessionStore.h"
 
 #include <QCoreApplication>
@@ -152,6 +152,7 @@ int main(int argc, char** argv)
     QCoreApplication app(argc, argv);
     const int runs = argc > 1 ? std::atoi(argv[1]) : 7;
     const int idleSeconds = argc > 2 ? std::atoi(argv[2]) : 30;
+    const int startSessions = argc > 3 ? std::atoi(argv[3]) : 200;
     QTemporaryDir home;
 
     QProcess bus, xserver;
@@ -200,7 +201,7 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "app_bench cannot connect to the Xvfb at %s\n", qPrintable(display));
         return 1;
     }
-    fillStore(home.path(), 200);
+    fillStore(home.path(), startSessions);
     std::vector<double> trayTimes, widgetTimes, both;
     for (int run = 0; run < runs; ++run) {
         const int registered = watcher.registrations, mapped = windows.widgetsMapped();
@@ -225,9 +226,9 @@ int main(int argc, char** argv)
     };
     std::sort(both.begin(), both.end());
     std::printf(
-        "exec -> tray item registered and widget shown, 200 sessions: median %.0f ms (min %.0f, max %.0f, "
+        "exec -> tray item registered and widget shown, %d sessions: median %.0f ms (min %.0f, max %.0f, "
         "%d runs); tray item alone %.0f ms, widget alone %.0f ms (medians)\n",
-        median(both), both.front(), both.back(), runs, median(trayTimes), median(widgetTimes));
+        startSessions, median(both), both.front(), both.back(), runs, median(trayTimes), median(widgetTimes));
 
     // Idle: wake-ups of all threads, CPU and memory over the idle period, once with nothing moving and once
     // with one session waiting.
