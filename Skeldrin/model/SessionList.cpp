@@ -60,6 +60,7 @@ std::vector<ListedSession> arrange(const std::vector<Session>& sessions, const s
     for (const auto& s : sessions) ids.insert(s.id);
 
     Arranger arranger{folded, {}, {}, {}};
+    arranger.result.reserve(sessions.size()); // a growing vector would copy every session it holds
     for (const auto& s : sessions)
         if (s.parentId && ids.count(*s.parentId)) arranger.children[*s.parentId].push_back(&s);
 
