@@ -1,6 +1,8 @@
 #pragma once
 // Keeps the application current: a periodic version check, the download, the hand-over to the system's
 // installer, and the relaunch into the installed copy.
+#include "Skeldrin/model/UpdateManifest.h"
+
 #include <QByteArray>
 #include <QObject>
 #include <QString>
@@ -15,29 +17,6 @@ class QSaveFile;
 class QTimer;
 
 namespace skeldrin {
-
-// The site's "version.json":
-//   {"latest": "1.4.2", "url": "https://…/Skeldrin.dmg", "linuxPackage":
-//   "https://…/skeldrin_1.4.2_amd64.deb"}
-// "latest" and "url" are required; "linuxPackage" is optional (a package the desktop's installer opens).
-// Unknown keys are ignored.
-struct UpdateManifest {
-    QString latest;
-    QUrl url;
-    std::optional<QUrl> linuxPackage;
-
-    bool operator==(const UpdateManifest&) const = default;
-
-    // Throws std::runtime_error (a sentence) for a body that is not such an object, lacks a required key, has
-    // a key of the wrong type, or a URL that is not http(s).
-    static UpdateManifest decode(const QByteArray& json);
-};
-
-namespace AppVersion {
-// Dotted decimal comparison; empty pieces are dropped, a piece that is not a number (or does not fit in 64
-// bits) counts as 0, missing pieces count as 0. isOlder("1.2", "1.10") is true; "1.2" and "1.2.0" are equal.
-bool isOlder(const QString& a, const QString& than);
-} // namespace AppVersion
 
 class Updates : public QObject {
     Q_OBJECT

@@ -43,12 +43,13 @@ struct AppFixture {
     TestUpdates updates;
     std::unique_ptr<SessionsModel> model;
 
-    AppFixture()
+    // Alerts go to `shownBy` when given, else they are recorded in `alerts`.
+    explicit AppFixture(Alerts* shownBy = nullptr)
     {
         std::filesystem::create_directories(sessionsDir);
         SessionsModel::Dependencies deps;
         deps.jumper = &jumper;
-        deps.alerts = &alerts;
+        deps.alerts = shownBy ? shownBy : &alerts;
         deps.settings = &settings;
         deps.hookExecutable = std::filesystem::path(temp.path().toStdString()) / "app/skeldrin-hook";
         deps.claudeSettings = claudeSettings;

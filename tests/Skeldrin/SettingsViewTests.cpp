@@ -1,17 +1,22 @@
 #include "AppFixture.h"
 #include "Skeldrin/model/Palette.h"
 #include "Skeldrin/platform/LoginItem.h"
+#include "Skeldrin/ui/AppDelegate.h"
 #include "Skeldrin/ui/SettingsView.h"
 #include "tests/support/TestFiles.h"
 
 #include <QColorDialog>
+#include <QApplication>
 #include <QLabel>
+#include <QMessageBox>
 #include <QPushButton>
 #include <QtTest>
 #include <sys/stat.h>
 
 using namespace skeldrin;
 using namespace skeldrin::test;
+
+extern "C" void skeldrin_fail(const char* rule);
 
 namespace {
 
@@ -79,17 +84,49 @@ class SettingsViewTests : public QObject {
         QVERIFY(readText(app.claudeSettings).find("skeldrin-hook") == std::string::npos);
     }
 
-    void unreadableClaudeSettingsSnapBack()
+    // A failure to read or write Claude Code's settings reaches the user in the app's real alert, the
+    // switch snaps back, and the user's file stays as it was.
+    void claudeSettingsFailureIsShown_data()
     {
-        AppFixture app;
+        QTest::addColumn<QByteArray>("content");
+        QTest::addColumn<QByteArray>("fail"); // a system call that fails while writing
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("unreadable") << QByteArray("{ not json") << QByteArray() << "valid JSON";
+        QTest::newRow("disk full") << QByteArray(R"({"model": "opus"})") << QByteArray("write:28")
+                                   << "No space left on device";
+        QTest::newRow("I/O error on rename")
+            << QByteArray(R"({"model": "opus"})") << QByteArray("rename:5") << "Input/output error";
+    }
+    void claudeSettingsFailureIsShown()
+    {
+        QFETCH(QByteArray, content);
+        QFETCH(QByteArray, fail);
+        QFETCH(QString, reason);
+        MessageBoxAlerts alerts;
+        AppFixture app(&alerts);
         std::filesystem::create_directories(app.claudeSettings.parent_path());
-        writeText(app.claudeSettings, "{ not json");
+        writeText(app.claudeSettings, content.toStdString());
         SettingsView view(*app.model, app.settings);
+
+        QStringList shown; // read off the message box, which is then dismissed
+        QTimer dismiss;
+        connect(&dismiss, &QTimer::timeout, this, [&] {
+            if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
+                shown << box->text() + " | " + box->informativeText();
+                box->accept();
+            }
+        });
+        dismiss.start(10);
+        skeldrin_fail(fail.isEmpty() ? nullptr : fail.constData());
         switchNamed(view, "claudeCode").click();
+        skeldrin_fail(nullptr);
+
         QVERIFY(!switchNamed(view, "claudeCode").isChecked());
-        QCOMPARE(app.alerts.shown.size(), 1);
-        QVERIFY(
-            app.alerts.shown.front().startsWith(QStringLiteral("Couldn't update Claude Code settings | ")));
+        QCOMPARE(shown.size(), 1);
+        QVERIFY2(shown.front().startsWith(QStringLiteral("Couldn't update Claude Code settings | ")),
+                 qPrintable(shown.front()));
+        QVERIFY2(shown.front().contains(reason), qPrintable(shown.front()));
+        QCOMPARE(QByteArray::fromStdString(readText(app.claudeSettings)), content);
     }
 
     void compactAndHeadlinesFollowTheirSources()

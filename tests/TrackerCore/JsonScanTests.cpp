@@ -44,6 +44,18 @@ TEST(JsonScan, AcceptsExactlyWhatAFullParserAccepts)
     for (const std::string whole : {"", "   ", "{", "{}", "{} {}", "{}x", "{\"a\":1}\n", "[]", "\"s\"", "\xef\xbb\xbf{}"})
         EXPECT_EQ(scans(whole), Json::accept(whole) && Json::parse(whole).is_object()) << whole;
     EXPECT_FALSE(scans(std::string(100000, '[') + std::string(100000, ']'))); // too deep, but no crash
+
+    // Long strings are checked 64 bytes at a time: each piece at every place around those blocks, in the
+    // middle of a string and just before its end.
+    for (const std::string piece : {R"(\\\")", R"(\\)", R"(\u2028)", R"(\ud83d\ude00)", "\xf0\x9f\x9a\x80",
+                                    "\xe6\x97\xa5", "\xc3\xa9", R"(\")", "\xed\xa0\x80", "\xe2\x82", R"(\)", "\x1f",
+                                    R"(\q)", R"(\u12)", "\xc3"}) {
+        for (std::size_t at = 0; at < 140; ++at) {
+            const std::string text = "{\"k\":\"" + std::string(at, 'a') + piece;
+            for (const std::string& doc : {text + std::string(150, 'b') + "\"}", text + "\"}"})
+                EXPECT_EQ(scans(doc), Json::accept(doc)) << doc;
+        }
+    }
 }
 
 TEST(JsonScan, KeepsOnlyWantedTopLevelMembers)

@@ -18,7 +18,7 @@ namespace skeldrin::test {
 class LoopbackHttpServer {
 public:
     struct Response {
-        enum class Ending { complete, silent, cutShort };
+        enum class Ending { complete, silent, cutShort, stalled };
         int status = 200;
         QByteArray body;
         QList<std::pair<QByteArray, QByteArray>> headers;
@@ -68,16 +68,17 @@ private:
             routes_.value(path, Response{404, "not here", {}, Response::Ending::complete});
         if (response.ending == Response::Ending::silent) return;
 
-        // Cut short: promise twice the body, send it, hang up.
-        const qsizetype promised =
-            response.body.size() * (response.ending == Response::Ending::cutShort ? 2 : 1);
+        // Cut short: promise twice the body, send it, hang up. Stalled: the same, but stay connected.
+        const bool half =
+            response.ending == Response::Ending::cutShort || response.ending == Response::Ending::stalled;
+        const qsizetype promised = response.body.size() * (half ? 2 : 1);
         QByteArray out = "HTTP/1.1 " + QByteArray::number(response.status) + " Answer\r\n";
         out += "Content-Length: " + QByteArray::number(promised) + "\r\nConnection: close\r\n";
         for (const auto& [name, value] : response.headers)
             out += name + ": " + value + "\r\n";
         out += "\r\n" + response.body;
         socket->write(out);
-        socket->disconnectFromHost();
+        if (response.ending != Response::Ending::stalled) socket->disconnectFromHost();
     }
 
     QTcpServer server_;

@@ -1,0 +1,115 @@
+// The updater killed (SIGKILL) at each step in a real process of its own: while the package is half
+// downloaded, once it is renamed into place, and once the installer has started. The next start must take
+// no half file for whole, and the installed app is never touched by any of it.
+#include "support/LoopbackHttpServer.h"
+
+#include <QtTest>
+
+#include <filesystem>
+
+using skeldrin::test::LoopbackHttpServer;
+using Response = LoopbackHttpServer::Response;
+
+namespace {
+
+constexpr int kWaitMs = 20000;
+
+QByteArray readAll(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void writeFile(const QString& path, const QByteArray& bytes, bool executable = false)
+{
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write(bytes);
+    file.close();
+    if (executable) QVERIFY(file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+}
+
+} // namespace
+
+class UpdateInterruptionTests : public QObject {
+    Q_OBJECT
+  private Q_SLOTS:
+    void killedAtEachStep_data()
+    {
+        QTest::addColumn<QString>("step");
+        QTest::newRow("download half done") << "download";
+        QTest::newRow("renamed into place") << "renamed";
+        QTest::newRow("installer started") << "installer";
+    }
+    void killedAtEachStep()
+    {
+        QFETCH(QString, step);
+        QTemporaryDir dir;
+        const QByteArray installed = "#!/bin/sh\necho skeldrin 1.0.0\n";
+        writeFile(dir.filePath("skeldrin"), installed, true);
+        writeFile(dir.filePath("installer"), "#!/bin/sh\necho \"$1\" > \"$0.ran\"\n", true);
+        QByteArray package(256 * 1024, 'p');
+        package.append("end of the package");
+
+        LoopbackHttpServer server;
+        QVERIFY(server.listening());
+        server.serve("/version.json",
+                     Response{200,
+                              QJsonDocument(QJsonObject{{"latest", "2.0.0"},
+                                                        {"url", "https://s.example/download"},
+                                                        {"linuxPackage", server.url("/s.deb").toString()}})
+                                  .toJson(),
+                              {},
+                              Response::Ending::complete});
+        const bool stall = step == QLatin1String("download");
+        server.serve("/s.deb",
+                     stall ? Response{200, package.left(package.size() / 2), {}, Response::Ending::stalled}
+                           : Response{200, package, {}, Response::Ending::complete});
+
+        const QString folder = dir.filePath("cache/updates"), final = folder + "/s.deb";
+        QProcess probe;
+        probe.start(SKELDRIN_UPDATE_PROBE, {server.url().toString(), dir.path(), step});
+        QVERIFY(probe.waitForStarted(kWaitMs));
+        if (stall) {
+            // Half the package is on disk, in a file that has no name in the folder yet.
+            const auto downloaded = [&] {
+                namespace fs = std::filesystem;
+                std::error_code error;
+                for (const auto& fd :
+                     fs::directory_iterator("/proc/" + std::to_string(probe.processId()) + "/fd", error))
+                    if (fs::read_symlink(fd.path(), error).string().starts_with(folder.toStdString()) &&
+                        fs::file_size(fd.path(), error) >= 64 * 1024 && !error)
+                        return true;
+                return false;
+            };
+            QTRY_VERIFY_WITH_TIMEOUT(downloaded(), kWaitMs);
+            QCOMPARE(QDir(folder).entryList(QDir::Files | QDir::Hidden), QStringList());
+            probe.kill();
+        }
+        // Waiting through the event loop: the server runs on it.
+        QTRY_COMPARE_WITH_TIMEOUT(probe.state(), QProcess::NotRunning, kWaitMs);
+        QCOMPARE(probe.exitStatus(), QProcess::CrashExit);
+        if (stall)
+            QVERIFY(!QFile::exists(final));
+        else
+            QCOMPARE(readAll(final), package);
+        if (step == QLatin1String("installer"))
+            QTRY_COMPARE_WITH_TIMEOUT(readAll(dir.filePath("installer.ran")), final.toUtf8() + '\n', kWaitMs);
+
+        // The next start downloads the whole package again and hands over only that.
+        server.serve("/s.deb", Response{200, package, {}, Response::Ending::complete});
+        QFile::remove(dir.filePath("opened"));
+        QProcess next;
+        next.start(SKELDRIN_UPDATE_PROBE, {server.url().toString(), dir.path(), "none"});
+        QTRY_COMPARE_WITH_TIMEOUT(next.state(), QProcess::NotRunning, kWaitMs);
+        QCOMPARE(next.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(next.exitCode(), 0);
+        QCOMPARE(server.requests().count("/s.deb"), 2);
+        QCOMPARE(readAll(dir.filePath("opened")), final.toUtf8() + '\n');
+        QCOMPARE(readAll(final), package);
+        QCOMPARE(readAll(dir.filePath("skeldrin")), installed);
+    }
+};
+
+QTEST_GUILESS_MAIN(UpdateInterruptionTests)
+#include "UpdateInterruptionTests.moc"
