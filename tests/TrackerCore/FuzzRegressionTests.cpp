@@ -12,6 +12,11 @@ void fuzz_hook_payload(std::string_view data);
 void fuzz_session_file(std::string_view data);
 void fuzz_transcript(std::string_view data);
 void fuzz_settings(std::string_view data);
+#ifdef SKELDRIN_FUZZ_APP_READERS
+void fuzz_color_text(std::string_view data);
+void fuzz_placement(std::string_view data);
+void fuzz_update_manifest(std::string_view data);
+#endif
 
 namespace fs = std::filesystem;
 
@@ -22,6 +27,11 @@ TEST(FuzzRegressions, EveryKeptInputKeepsItsProperties)
         {"session_file", fuzz_session_file},
         {"transcript", fuzz_transcript},
         {"settings", fuzz_settings},
+#ifdef SKELDRIN_FUZZ_APP_READERS
+        {"color_text", fuzz_color_text},
+        {"placement", fuzz_placement},
+        {"update_manifest", fuzz_update_manifest},
+#endif
     };
     for (const auto& [name, target] : targets) {
         int inputs = 0;
