@@ -121,13 +121,17 @@ class JumpLinuxTests : public QObject {
         return background_.back().get();
     }
 
-    void standIn(const QString& name)
+    // A program on the test's PATH that records its arguments, or does what body says.
+    void standIn(const QString& name, const QString& body = {})
     {
         QFile script(path(QStringLiteral("bin/") + name));
         QVERIFY(script.open(QIODevice::WriteOnly));
-        script.write(QStringLiteral("#!/bin/sh\nprintf '%s\\n' \"$@\" > %1/%2.args\n")
-                         .arg(home_->path(), name)
-                         .toUtf8());
+        script.write(
+            QStringLiteral("#!/bin/sh\n%1\n")
+                .arg(body.isEmpty()
+                         ? QStringLiteral("printf '%s\\n' \"$@\" > %1/%2.args").arg(home_->path(), name)
+                         : body)
+                .toUtf8());
         script.close();
         script.setPermissions(script.permissions() | QFileDevice::ExeOwner);
     }
@@ -318,11 +322,7 @@ class JumpLinuxTests : public QObject {
 
     void aHungProgramIsKilledWhileTheEventLoopTurns()
     {
-        QFile script(path(QStringLiteral("bin/tmux")));
-        QVERIFY(script.open(QIODevice::WriteOnly));
-        script.write("#!/bin/sh\nexec sleep 60\n");
-        script.close();
-        script.setPermissions(script.permissions() | QFileDevice::ExeOwner);
+        standIn(QStringLiteral("tmux"), QStringLiteral("exec sleep 60"));
         const QByteArray searchPath = qgetenv("PATH");
         qputenv("PATH", path(QStringLiteral("bin")).toUtf8() + ':' + searchPath);
         skeldrin::Origin origin;
@@ -337,12 +337,12 @@ class JumpLinuxTests : public QObject {
         std::optional<QString> error;
         const auto jumper = skeldrin::makeSystemJumper();
         jumper->start(session, [&](std::exception_ptr failure) {
-            error = QString();
-            if (failure) try {
-                    std::rethrow_exception(failure);
-                } catch (const std::exception& e) {
-                    error = QString::fromUtf8(e.what());
-                }
+            try {
+                error = QString();
+                if (failure) std::rethrow_exception(failure);
+            } catch (const std::exception& e) {
+                error = QString::fromUtf8(e.what());
+            }
         });
         QVERIFY(!error); // still waiting on tmux
         QTRY_VERIFY_WITH_TIMEOUT(error.has_value(), kTimeoutMs);
