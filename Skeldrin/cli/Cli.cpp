@@ -7,6 +7,8 @@
 #include "TrackerCore/Text.h"
 
 #include <QCoreApplication>
+#include <QEventLoop>
+#include <QLoggingCategory>
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
@@ -54,10 +56,11 @@ public:
     bool failed = false;
 };
 
-std::unique_ptr<SessionsModel> makeModel(Alerts& alerts)
+std::unique_ptr<SessionsModel> makeModel(Alerts& alerts, Jumper* jumper = nullptr)
 {
     SessionsModel::Dependencies dependencies;
     dependencies.alerts = &alerts;
+    dependencies.jumper = jumper;
     return std::make_unique<SessionsModel>(SessionStore::defaultStore(), std::move(dependencies));
 }
 
@@ -245,19 +248,36 @@ int transcript(const Options& options)
     return 0;
 }
 
+// The app's jump, so that what follows a jump (a finished session marked seen) happens here too.
 int jump(const Options& options)
 {
     const std::string id = options.positional.front().toStdString();
-    const auto loaded = SessionStore::defaultStore().loadAll();
-    const auto session = std::find_if(loaded.sessions.begin(), loaded.sessions.end(),
-                                      [&](const Session& candidate) { return candidate.id == id; });
-    if (session == loaded.sessions.end()) {
+    // A failure reaches stderr once, as the alert's line, not also as the model's log line.
+    QLoggingCategory::setFilterRules(QStringLiteral("app.skeldrin.sessions.warning=false"));
+    StderrAlerts alerts;
+    const auto jumper = makeSystemJumper();
+    const auto model = makeModel(alerts, jumper.get());
+    model->reload();
+    std::optional<ListedSession> entry;
+    for (const ListedSession& row : model->list())
+        if (row.id() == id) entry = row;
+    // A dismissed session is not listed, but can still be jumped to from here.
+    for (const Session& session : model->stored())
+        if (!entry && session.id == id)
+            entry = ListedSession{session, ListedSession::Role::main, Shade::of(session.status())};
+    if (!entry) {
         std::cerr << "skeldrin: no session " << oneLine(id) << '\n';
         return 1;
     }
-    makeSystemJumper()->jump(*session);
+    QEventLoop loop;
+    std::optional<bool> jumped;
+    model->jump(*entry, [&](bool made) {
+        jumped = made;
+        loop.quit();
+    });
+    if (!jumped) loop.exec();
     waitForDeferredJumps();
-    return 0;
+    return *jumped ? 0 : 1;
 }
 
 int dispatch(const QStringList& arguments)

@@ -6,6 +6,8 @@
 #include "TrackerCore/Session.h"
 
 #include <QString>
+#include <exception>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -33,11 +35,22 @@ public:
 // The operating system's process table, made per platform (platform/linux, platform/mac).
 std::unique_ptr<ProcessTable> makeSystemProcessTable();
 
-// Brings forward the place where a session runs; throws (an error whose what() is for the user) when
-// it cannot.
+// Brings forward the place where a session runs, without waiting on the programs it asks.
 class Jumper {
 public:
+    // Called once, on the calling thread: with nothing when the jump was made, else with the error
+    // (its what() is for the user).
+    using Done = std::function<void(std::exception_ptr error)>;
+
     virtual ~Jumper() = default;
+    // done may be called before start returns.
+    virtual void start(const Session& session, Done done) = 0;
+};
+
+// A jumper whose work is done at once: jump returns, or throws the error.
+class ImmediateJumper : public Jumper {
+public:
+    void start(const Session& session, Done done) final;
     virtual void jump(const Session& session) = 0;
 };
 

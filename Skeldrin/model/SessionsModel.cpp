@@ -7,6 +7,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QLoggingCategory>
+#include <QPointer>
 #include <algorithm>
 
 Q_LOGGING_CATEGORY(lcSessions, "app.skeldrin.sessions")
@@ -298,20 +299,32 @@ void SessionsModel::showError(const QString& title, const std::exception& error)
     if (deps_.alerts) deps_.alerts->showError(title, QString::fromUtf8(error.what()));
 }
 
-void SessionsModel::jump(const ListedSession& entry)
+void SessionsModel::jump(const ListedSession& entry, std::function<void(bool jumped)> finished)
 {
-    try {
-        if (!deps_.jumper) throw std::runtime_error("Jumping to a session isn't available here.");
-        deps_.jumper->jump(entry.session);
-    } catch (const std::exception& e) {
+    const auto failed = [this, entry, finished](const std::exception& e) {
         qCWarning(lcSessions, "jump failed: %s", e.what());
         showError(QStringLiteral("Couldn't open ") + q(displayName(entry.session)), e);
-        return;
-    }
-    if (entry.session.endedAt)
-        deleteSession(entry.session);
-    else if (entry.shade.isStatus(Status::ready))
-        markSeen(entry.session);
+        if (finished) finished(false);
+    };
+    if (!deps_.jumper) return failed(std::runtime_error("Jumping to a session isn't available here."));
+    deps_.jumper->start(entry.session, [this, alive = QPointer<SessionsModel>(this), entry, finished,
+                                        failed](std::exception_ptr error) {
+        if (!alive) return;
+        if (error) {
+            try {
+                std::rethrow_exception(error);
+            } catch (const std::exception& e) {
+                return failed(e);
+            } catch (...) {
+                return failed(std::runtime_error("The jump failed for an unknown reason."));
+            }
+        }
+        if (entry.session.endedAt)
+            deleteSession(entry.session);
+        else if (entry.shade.isStatus(Status::ready))
+            markSeen(entry.session);
+        if (finished) finished(true);
+    });
 }
 
 void SessionsModel::markSeen(const Session& session)

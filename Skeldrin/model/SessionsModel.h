@@ -86,7 +86,9 @@ public:
     std::optional<Status> mostUrgent() const;
 
     // What the user asks for.
-    void jump(const ListedSession& entry);
+    // Failures reach the alerts; finished (if given) learns whether the jump was made, once the
+    // jumper is done.
+    void jump(const ListedSession& entry, std::function<void(bool jumped)> finished = {});
     void dismiss(const Session& session);
     void connectClaudeCode();
     void disconnectClaudeCode();

@@ -8,7 +8,7 @@
 
 namespace skeldrin::test {
 
-class RecordingJumper : public Jumper {
+class RecordingJumper : public ImmediateJumper {
   public:
     void jump(const Session& session) override { jumped.push_back(session.id); }
     std::vector<std::string> jumped;

@@ -1,5 +1,7 @@
 // Jumping end to end on Linux: the real skeldrin-hook records where it runs, the real `skeldrin jump`
 // brings that place forward, checked with the terminals' own tools.
+#include "Skeldrin/platform/SystemJumper.h"
+
 #include <QDBusConnection>
 #include <QDeadlineTimer>
 #include <QDir>
@@ -119,13 +121,17 @@ class JumpLinuxTests : public QObject {
         return background_.back().get();
     }
 
-    void standIn(const QString& name)
+    // A program on the test's PATH that records its arguments, or does what body says.
+    void standIn(const QString& name, const QString& body = {})
     {
         QFile script(path(QStringLiteral("bin/") + name));
         QVERIFY(script.open(QIODevice::WriteOnly));
-        script.write(QStringLiteral("#!/bin/sh\nprintf '%s\\n' \"$@\" > %1/%2.args\n")
-                         .arg(home_->path(), name)
-                         .toUtf8());
+        script.write(
+            QStringLiteral("#!/bin/sh\n%1\n")
+                .arg(body.isEmpty()
+                         ? QStringLiteral("printf '%s\\n' \"$@\" > %1/%2.args").arg(home_->path(), name)
+                         : body)
+                .toUtf8());
         script.close();
         script.setPermissions(script.permissions() | QFileDevice::ExeOwner);
     }
@@ -135,6 +141,12 @@ class JumpLinuxTests : public QObject {
         QFile file(path(name + QStringLiteral(".args")));
         if (!file.open(QIODevice::ReadOnly)) return {};
         return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    }
+
+    QByteArray sessionFile(const QString& id) const
+    {
+        QFile file(path(QStringLiteral("data/Skeldrin/sessions/") + id + QStringLiteral(".json")));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
 
     void recordWith(const QString& id, const QMap<QString, QString>& variables)
@@ -207,6 +219,8 @@ class JumpLinuxTests : public QObject {
         QCOMPARE(jump(QStringLiteral("in-kitty"), environment()).exitCode, 0);
         QCOMPARE(argumentsSeenBy(QStringLiteral("kitty")),
                  QStringList({"@", "--to", "unix:@kitty-main", "focus-window", "--match", "id:7"}));
+        // As in the app, a finished session that was jumped to has been seen.
+        QVERIFY(sessionFile(QStringLiteral("in-kitty")).contains("\"seenAt\""));
         QCOMPARE(jump(QStringLiteral("in-wezterm"), environment()).exitCode, 0);
         QCOMPARE(argumentsSeenBy(QStringLiteral("wezterm")),
                  QStringList({"cli", "activate-pane", "--pane-id", "12"}));
@@ -286,21 +300,55 @@ class JumpLinuxTests : public QObject {
         recordWith(QStringLiteral("nowhere"), {});
         const Outcome hostile = jump(QStringLiteral("hostile"), environment());
         QCOMPARE(hostile.exitCode, 1);
-        QCOMPARE(hostile.err,
-                 QStringLiteral("skeldrin: This session recorded an unexpected kitty window: 7 --all"));
+        QCOMPARE(
+            hostile.err,
+            QStringLiteral("Couldn't open alpha: This session recorded an unexpected kitty window: 7 --all"));
         QVERIFY(argumentsSeenBy(QStringLiteral("kitty")).isEmpty());
 
         QFile::remove(path(QStringLiteral("bin/kitty")));
-        const Outcome missing = jump(QStringLiteral("no-remote"), environment());
+        QProcessEnvironment withoutKitty = environment();
+        withoutKitty.insert(QStringLiteral("PATH"), path(QStringLiteral("bin")));
+        const Outcome missing = jump(QStringLiteral("no-remote"), withoutKitty);
         QCOMPARE(missing.exitCode, 1);
         QVERIFY2(missing.err.contains(QStringLiteral("Couldn't run kitty")), qPrintable(missing.err));
+        QVERIFY(!sessionFile(QStringLiteral("no-remote")).contains("\"seenAt\""));
 
         const Outcome nowhere = jump(QStringLiteral("nowhere"), environment());
         QCOMPARE(nowhere.exitCode, 1);
-        QCOMPARE(nowhere.err,
-                 QStringLiteral(
-                     "skeldrin: This session didn't say where it was started, so there's nothing to open."));
+        QCOMPARE(nowhere.err, QStringLiteral("Couldn't open alpha: This session didn't say where it was "
+                                             "started, so there's nothing to open."));
         QCOMPARE(jump(QStringLiteral("never-seen"), environment()).exitCode, 1);
+    }
+
+    void aHungProgramIsKilledWhileTheEventLoopTurns()
+    {
+        standIn(QStringLiteral("tmux"), QStringLiteral("exec sleep 60"));
+        const QByteArray searchPath = qgetenv("PATH");
+        qputenv("PATH", path(QStringLiteral("bin")).toUtf8() + ':' + searchPath);
+        skeldrin::Origin origin;
+        origin.tmuxSocket = path(QStringLiteral("tmux.sock")).toStdString();
+        origin.tmuxPane = "%3";
+        const skeldrin::Session session("hung", "claude", "/work/alpha", origin, std::nullopt, {});
+
+        int ticks = 0;
+        QTimer ticker;
+        connect(&ticker, &QTimer::timeout, [&] { ++ticks; });
+        ticker.start(10);
+        std::optional<QString> error;
+        const auto jumper = skeldrin::makeSystemJumper();
+        jumper->start(session, [&](std::exception_ptr failure) {
+            try {
+                error = QString();
+                if (failure) std::rethrow_exception(failure);
+            } catch (const std::exception& e) {
+                error = QString::fromUtf8(e.what());
+            }
+        });
+        QVERIFY(!error); // still waiting on tmux
+        QTRY_VERIFY_WITH_TIMEOUT(error.has_value(), kTimeoutMs);
+        qputenv("PATH", searchPath);
+        QVERIFY(ticks > 0);
+        QCOMPARE(*error, QStringLiteral("tmux didn't answer in time."));
     }
 
     void x11TerminalWindowsComeForwardEvenWhenMinimized()

@@ -38,6 +38,32 @@ std::string nameOf(const Session& s)
     return "name of " + s.id;
 }
 
+void append(NotificationRules::Step& to, const NotificationRules::Step& from)
+{
+    to.show.insert(to.show.end(), from.show.begin(), from.show.end());
+    to.withdraw.insert(to.withdraw.end(), from.withdraw.begin(), from.withdraw.end());
+}
+
+// Rules fed on a clock of their own: each list is given once and again when its window has passed,
+// and what both deliver is returned.
+struct Fed {
+    NotificationRules rules;
+    Date now{};
+    bool waitingOn = true;
+
+    NotificationRules::Step operator()(const std::vector<ListedSession>& list, bool finishedOn)
+    {
+        NotificationRules::Step step = at(list, finishedOn);
+        now += NotificationRules::window;
+        append(step, at(list, finishedOn));
+        return step;
+    }
+    NotificationRules::Step at(const std::vector<ListedSession>& list, bool finishedOn)
+    {
+        return rules.next(list, waitingOn, finishedOn, nameOf, now);
+    }
+};
+
 std::string keys(const NotificationRules::Step& step)
 {
     std::string out;
@@ -91,10 +117,10 @@ class NotificationRulesTests : public QObject {
         QFETCH(bool, finishedOn);
         QFETCH(QString, body);
 
-        NotificationRules rules;
-        QVERIFY(rules.next({}, true, finishedOn, nameOf).show.empty());
-        rules.next({listed("s", before)}, true, finishedOn, nameOf);
-        const auto step = rules.next({listed("s", after)}, true, finishedOn, nameOf);
+        Fed rules;
+        QVERIFY(rules({}, finishedOn).show.empty());
+        rules({listed("s", before)}, finishedOn);
+        const auto step = rules({listed("s", after)}, finishedOn);
         if (body.isEmpty()) {
             QCOMPARE(keys(step), std::string());
             return;
@@ -103,41 +129,85 @@ class NotificationRulesTests : public QObject {
         QCOMPARE(step.show[0].title, std::string("name of s"));
         QCOMPARE(QString::fromStdString(step.show[0].body), body);
         // Shown once, not again while it stays so.
-        QCOMPARE(keys(rules.next({listed("s", after)}, true, finishedOn, nameOf)), std::string());
+        QCOMPARE(keys(rules({listed("s", after)}, finishedOn)), std::string());
     }
 
     void whatWasSoAtStartNeverNotifies()
     {
-        NotificationRules rules;
-        QCOMPARE(keys(rules.next({listed("a", {Status::waiting})}, true, true, nameOf)), std::string());
-        QCOMPARE(keys(rules.next({listed("a", {Status::waiting})}, true, true, nameOf)), std::string());
+        Fed rules;
+        QCOMPARE(keys(rules({listed("a", {Status::waiting})}, true)), std::string());
+        QCOMPARE(keys(rules({listed("a", {Status::waiting})}, true)), std::string());
         // A session that appears later already waiting does notify; one appearing ready does not.
-        const auto step = rules.next(
+        const auto step = rules(
             {listed("a", {Status::waiting}), listed("b", {Status::waiting}), listed("c", {Status::ready})},
-            true, true, nameOf);
+            true);
         QCOMPARE(keys(step), std::string("b"));
     }
 
     void withdrawsWhenNoLongerSo()
     {
-        NotificationRules rules;
-        rules.next({}, true, true, nameOf);
-        rules.next({listed("run", {}), listed("gone", {}), listed("closed", {})}, true, true, nameOf);
+        Fed rules;
+        rules({}, true);
+        rules({listed("run", {}), listed("gone", {}), listed("closed", {})}, true);
         const std::vector<ListedSession> waiting{listed("run", {Status::waiting}),
                                                  listed("gone", {Status::waiting}),
                                                  listed("closed", {Status::waiting})};
-        QCOMPARE(keys(rules.next(waiting, true, true, nameOf)), std::string("run gone closed"));
-        rules.forget("closed"); // the user closed it: nothing left to withdraw
-        const auto step = rules.next({listed("run", {Status::running}), listed("closed", {Status::running})},
-                                     true, true, nameOf);
+        QCOMPARE(keys(rules(waiting, true)), std::string("closed gone run"));
+        rules.rules.forget("closed"); // the user closed it: nothing left to withdraw
+        const auto step =
+            rules({listed("run", {Status::running}), listed("closed", {Status::running})}, true);
         QCOMPARE(step.withdraw, (std::vector<std::string>{"gone", "run"}));
         QVERIFY(step.show.empty());
+    }
+
+    void changesWithinTheWindowMakeOne_data()
+    {
+        QTest::addColumn<bool>("shownBefore");   // a notification of an earlier wait is on screen
+        QTest::addColumn<QStringList>("states"); // given within one window: "running" or what it waits for
+        QTest::addColumn<QString>("shown");      // what the one notification says; empty: none
+        QTest::addColumn<bool>("withdrawn");
+
+        QTest::newRow("flapping wait") << false << QStringList{"Bash: ls", "running", "Bash: npm test"}
+                                       << "Bash: npm test · Ghostty" << false;
+        QTest::newRow("answered at once") << false << QStringList{"Bash: ls", "running"} << "" << false;
+        QTest::newRow("answered and asked again")
+            << true << QStringList{"running", "Bash: npm test"} << "Bash: npm test · Ghostty" << false;
+        QTest::newRow("answered") << true << QStringList{"running"} << "" << true;
+    }
+
+    void changesWithinTheWindowMakeOne()
+    {
+        QFETCH(bool, shownBefore);
+        QFETCH(QStringList, states);
+        QFETCH(QString, shown);
+        QFETCH(bool, withdrawn);
+        const auto as = [](const QString& state) {
+            if (state == QStringLiteral("running")) return listed("s", {});
+            ListedSession row = listed("s", {Status::waiting});
+            row.session.waitingFor = state.toStdString();
+            return row;
+        };
+
+        Fed rules;
+        rules({as(QStringLiteral("running"))}, false);
+        if (shownBefore)
+            QCOMPARE(rules({as(QStringLiteral("Bash: make"))}, false).show.size(), std::size_t(1));
+        NotificationRules::Step step;
+        for (const QString& state : states) {
+            append(step, rules.at({as(state)}, false));
+            rules.now += std::chrono::milliseconds(NotificationRules::window) / (states.size() + 1);
+        }
+        rules.now += NotificationRules::window;
+        append(step, rules.at({as(states.back())}, false));
+        QCOMPARE(step.show.size(), std::size_t(shown.isEmpty() ? 0 : 1));
+        if (!shown.isEmpty()) QCOMPARE(QString::fromStdString(step.show[0].body), shown);
+        QCOMPARE(step.withdraw.size(), std::size_t(withdrawn ? 1 : 0));
     }
 
     void manyAtOnceAreCapped()
     {
         for (const int count : {NotificationRules::cap, NotificationRules::cap + 3}) {
-            NotificationRules rules;
+            Fed rules;
             std::vector<ListedSession> running, waiting;
             for (int i = 0; i < count; ++i) {
                 running.push_back(
@@ -145,15 +215,15 @@ class NotificationRulesTests : public QObject {
                 waiting.push_back(running.back());
                 waiting.back().shade = Shade::of(Status::waiting);
             }
-            rules.next(running, true, false, nameOf);
-            const auto step = rules.next(waiting, true, false, nameOf);
+            rules(running, false);
+            const auto step = rules(waiting, false);
             QCOMPARE(step.show.size(), std::size_t(NotificationRules::cap));
             if (count == NotificationRules::cap) {
                 QCOMPARE(step.show.back().key, std::string("s09"));
             } else {
                 QCOMPARE(step.show.back().key, NotificationRules::summaryKey);
                 QCOMPARE(step.show.back().body, std::string("and 4 more sessions"));
-                QVERIFY(!rules.isShown("s12"));
+                QVERIFY(!rules.rules.isShown("s12"));
             }
         }
     }

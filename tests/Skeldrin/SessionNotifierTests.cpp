@@ -8,6 +8,7 @@
 #include <QDBusMessage>
 #include <QProcess>
 #include <QTemporaryDir>
+#include <QTemporaryFile>
 #include <QtTest>
 
 using namespace skeldrin;
@@ -47,7 +48,13 @@ class StandInService : public QObject {
     QStringList GetCapabilities() { return {QStringLiteral("actions"), QStringLiteral("body")}; }
 };
 
-class RecordingJumper : public Jumper {
+class TestClock : public Clock {
+  public:
+    Date now() const override { return at; }
+    Date at{};
+};
+
+class RecordingJumper : public ImmediateJumper {
   public:
     void jump(const Session& s) override { jumped.push_back(s.id); }
     std::vector<std::string> jumped;
@@ -58,12 +65,14 @@ class RecordingJumper : public Jumper {
 class SessionNotifierTests : public QObject {
     Q_OBJECT
 
+    QTemporaryFile config_;
     QProcess bus_;
     QString busAddress_;
     std::unique_ptr<QTemporaryDir> home_;
     std::unique_ptr<StandInService> service_;
     std::unique_ptr<AppSettings> settings_;
     RecordingJumper jumper_;
+    TestClock clock_;
     std::unique_ptr<SessionsModel> model_;
     std::unique_ptr<Notifications> delivery_;
     std::unique_ptr<SessionNotifier> notifier_;
@@ -104,7 +113,13 @@ class SessionNotifierTests : public QObject {
             std::move(deps));
         model_->start();
         delivery_ = makeSystemNotifications();
-        notifier_ = std::make_unique<SessionNotifier>(*model_, *settings_, *delivery_);
+        notifier_ = std::make_unique<SessionNotifier>(*model_, *settings_, *delivery_, &clock_);
+    }
+    // What was held back for a moment is delivered.
+    void passWindow()
+    {
+        clock_.at += NotificationRules::window;
+        notifier_->update();
     }
     // A marker notification: once it has arrived, everything asked before it has arrived too.
     void settle()
@@ -121,8 +136,15 @@ class SessionNotifierTests : public QObject {
   private Q_SLOTS:
     void initTestCase()
     {
-        bus_.start(QStringLiteral("dbus-daemon"), {QStringLiteral("--session"), QStringLiteral("--nofork"),
-                                                   QStringLiteral("--print-address")});
+        // No service directories: an installed notification daemon must not be started on demand.
+        QVERIFY(config_.open());
+        config_.write("<busconfig><type>session</type><listen>unix:tmpdir=/tmp</listen>"
+                      "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
+                      "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>");
+        config_.close();
+        bus_.start(QStringLiteral("dbus-daemon"),
+                   {QStringLiteral("--config-file=") + config_.fileName(), QStringLiteral("--nofork"),
+                    QStringLiteral("--print-address")});
         if (!bus_.waitForStarted()) QSKIP("dbus-daemon is not installed");
         QTRY_VERIFY(bus_.canReadLine());
         busAddress_ = QString::fromUtf8(bus_.readLine()).trimmed();
@@ -167,6 +189,7 @@ class SessionNotifierTests : public QObject {
         askApproval(QStringLiteral("deploy"), QStringLiteral("npm test"));
         model_->reload();
         model_->reload();
+        passWindow();
         settle();
         QCOMPARE(service_->shown.size(), std::size_t(1));
         const auto shown = service_->shown[0];
@@ -183,6 +206,7 @@ class SessionNotifierTests : public QObject {
         hook(QStringLiteral("PostToolUse"), QStringLiteral("deploy"),
              QStringLiteral(R"(,"tool_name":"Bash","tool_input":{"command":"npm test"})"));
         model_->reload();
+        passWindow();
         QTRY_COMPARE(service_->closed, std::vector<uint>{shown.id});
         settle();
         QCOMPARE(service_->shown.size(), std::size_t(1));
@@ -194,6 +218,7 @@ class SessionNotifierTests : public QObject {
         for (int i = 0; i < 10; ++i)
             askApproval(QStringLiteral("s%1").arg(i), QStringLiteral("make"));
         model_->reload();
+        passWindow();
         settle();
         QCOMPARE(service_->shown.size(), std::size_t(10));
         std::set<QString> titles;
@@ -216,10 +241,40 @@ class SessionNotifierTests : public QObject {
         model_->reload();
         hook(QStringLiteral("Stop"), QStringLiteral("quiet"));
         model_->reload();
+        passWindow();
         settle();
         QCOMPARE(service_->shown.size(), std::size_t(1));
         QCOMPARE(service_->shown[0].body, QStringLiteral("Finished: fix it · Ghostty"));
         QCOMPARE(service_->shown[0].urgency, 0);
+
+        // Switched off, what it showed goes at once.
+        settings_->setValue(SessionNotifier::finishedKey, false);
+        QTRY_COMPARE(service_->closed, std::vector<uint>{service_->shown[0].id});
+    }
+
+    void anAbsentServiceIsLoggedOnce()
+    {
+        serviceBus().unregisterService(kService);
+        static QStringList warnings;
+        const QtMessageHandler previous = qInstallMessageHandler(
+            [](QtMsgType type, const QMessageLogContext& context, const QString& text) {
+                if (type == QtWarningMsg && QLatin1String(context.category) == "app.skeldrin.notifications")
+                    warnings << text;
+            });
+        startNotifier();
+        for (int i = 0; i < 3; ++i)
+            askApproval(QStringLiteral("s%1").arg(i), QStringLiteral("make"));
+        model_->reload();
+        passWindow();
+        QTRY_VERIFY(!warnings.isEmpty());
+        // The other answers have come back once a call made after them has.
+        QDBusConnection::sessionBus().call(QDBusMessage::createMethodCall(
+            QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+            QStringLiteral("org.freedesktop.DBus"), QStringLiteral("GetId")));
+        QCoreApplication::processEvents();
+        qInstallMessageHandler(previous);
+        QCOMPARE(warnings.size(), 1);
+        QVERIFY2(warnings[0].contains(kService), qPrintable(warnings[0]));
     }
 };
 

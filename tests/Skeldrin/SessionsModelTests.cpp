@@ -35,7 +35,7 @@ public:
     std::map<std::int32_t, double> alive;
 };
 
-class TestJumper : public Jumper {
+class TestJumper : public ImmediateJumper {
 public:
     void jump(const Session& s) override
     {

@@ -9,10 +9,14 @@
 
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
 #include <QFile>
 #include <QLoggingCategory>
 #include <QProcess>
 #include <QTimer>
+
+#include <functional>
+#include <utility>
 
 Q_LOGGING_CATEGORY(lcJumpLinux, "app.skeldrin.jump")
 
@@ -30,36 +34,87 @@ struct Result {
     QString errors;
 };
 
-// Runs a command to its end, at most a moment; throws when it cannot be started or does not finish.
-Result run(const std::vector<std::string>& command, const QString& missingHint,
-           const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment())
+std::exception_ptr failure(const QString& text)
 {
-    QProcess process;
-    QStringList arguments;
-    for (std::size_t i = 1; i < command.size(); ++i)
-        arguments << QString::fromStdString(command[i]);
-    const QString program = QString::fromStdString(command.front());
-    process.setProcessEnvironment(environment);
-    process.start(program, arguments);
-    if (!process.waitForStarted(commandTimeoutMs))
-        throw std::runtime_error(
-            QStringLiteral("Couldn't run %1: %2").arg(program, missingHint).toStdString());
-    if (!process.waitForFinished(commandTimeoutMs)) {
-        process.kill();
-        process.waitForFinished(commandTimeoutMs);
-        throw std::runtime_error(QStringLiteral("%1 didn't answer in time.").arg(program).toStdString());
-    }
-    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
-            QString::fromLocal8Bit(process.readAllStandardOutput()).trimmed(),
-            QString::fromLocal8Bit(process.readAllStandardError()).trimmed()};
+    return std::make_exception_ptr(std::runtime_error(text.toStdString()));
 }
+
+// One jump under way. Its programs run one after another, each started when the one before has ended,
+// so the GUI thread never waits on a program; a program that hangs is killed after a moment.
+class Job : public QObject {
+  public:
+    using Then = std::function<void(const Result&)>;
+
+    Job(Jumper::Done done, QObject* parent)
+        : QObject(parent)
+        , done_(std::move(done))
+    {
+    }
+
+    // Runs command, then hands its result to then, a step of the job.
+    void run(const std::vector<std::string>& command, const QString& missingHint, Then then,
+             const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment())
+    {
+        auto* process = new QProcess(this);
+        auto* limit = new QTimer(process);
+        limit->setSingleShot(true);
+        const QString program = QString::fromStdString(command.front());
+        QStringList arguments;
+        for (std::size_t i = 1; i < command.size(); ++i)
+            arguments << QString::fromStdString(command[i]);
+        connect(limit, &QTimer::timeout, process, &QProcess::kill);
+        connect(process, &QProcess::errorOccurred, this,
+                [this, process, program, missingHint](QProcess::ProcessError error) {
+                    // Other errors end in finished, which reports them.
+                    if (error != QProcess::FailedToStart) return;
+                    process->deleteLater();
+                    finish(failure(QStringLiteral("Couldn't run %1: %2").arg(program, missingHint)));
+                });
+        connect(process, &QProcess::finished, this,
+                [this, process, limit, program, then = std::move(then)](int exitCode,
+                                                                        QProcess::ExitStatus status) {
+                    process->deleteLater();
+                    if (!limit->isActive())
+                        return finish(failure(QStringLiteral("%1 didn't answer in time.").arg(program)));
+                    limit->stop();
+                    const Result result{status == QProcess::NormalExit ? exitCode : -1,
+                                        QString::fromLocal8Bit(process->readAllStandardOutput()).trimmed(),
+                                        QString::fromLocal8Bit(process->readAllStandardError()).trimmed()};
+                    step([&] { then(result); });
+                });
+        process->setProcessEnvironment(environment);
+        process->start(program, arguments);
+        limit->start(commandTimeoutMs);
+    }
+
+    // Does work now; what it throws ends the job with that error.
+    void step(const std::function<void()>& work)
+    {
+        try {
+            work();
+        } catch (...) {
+            finish(std::current_exception());
+        }
+    }
+
+    void finish(std::exception_ptr error = nullptr)
+    {
+        if (!done_) return;
+        const Jumper::Done done = std::exchange(done_, nullptr);
+        deleteLater();
+        done(error);
+    }
+
+  private:
+    Jumper::Done done_;
+};
 
 void succeed(const Result& result, const QString& what)
 {
-    if (result.exitCode != 0)
-        throw std::runtime_error(
-            (result.errors.isEmpty() ? what : QStringLiteral("%1 (%2)").arg(what, result.errors))
-                .toStdString());
+    if (result.exitCode == 0) return;
+    // The last line says why; kitty, for one, prints a whole Python traceback before it.
+    const QString why = result.errors.section(QLatin1Char('\n'), -1).trimmed();
+    throw std::runtime_error((why.isEmpty() ? what : QStringLiteral("%1 (%2)").arg(what, why)).toStdString());
 }
 
 // The process and its ancestors, nearest first.
@@ -99,67 +154,97 @@ void raiseQuietly(const std::optional<std::uint32_t>& window)
     }
 }
 
-void jumpTo(const TmuxPane& target)
+// The terminal showing an attached client of the pane's session comes forward with it.
+void raiseTmuxClient(Job& job, const TmuxPane& target)
+{
+    if (!x11::available()) return job.finish();
+    job.run({"tmux", "-S", target.socket, "list-clients", "-t", target.pane, "-F", "#{client_pid}"},
+            QStringLiteral("install tmux."), [&job](const Result& clients) {
+                for (const QString& line : clients.output.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+                    bool ok = false;
+                    const int pid = line.toInt(&ok);
+                    if (!ok) continue;
+                    if (const auto window = windowOfProcess(pid)) {
+                        raiseQuietly(window);
+                        break;
+                    }
+                }
+                job.finish();
+            });
+}
+
+void jumpTo(Job& job, const TmuxPane& target)
 {
     const auto commands = tmuxCommands(target);
-    const QString pane = QString::fromStdString(target.pane);
-    for (std::size_t i = 0; i < 2; ++i)
-        succeed(run(commands[i], QStringLiteral("install tmux.")),
-                QStringLiteral("tmux couldn't show pane %1; has it been closed?").arg(pane));
-    // Only a client that is attached can be switched; a detached session still has its pane selected.
-    run(commands[2], QStringLiteral("install tmux."));
-    if (!x11::available()) return;
-    const Result clients =
-        run({"tmux", "-S", target.socket, "list-clients", "-t", target.pane, "-F", "#{client_pid}"},
-            QStringLiteral("install tmux."));
-    for (const QString& line : clients.output.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
-        bool ok = false;
-        const int pid = line.toInt(&ok);
-        if (!ok) continue;
-        if (const auto window = windowOfProcess(pid)) return raiseQuietly(window);
-    }
+    const QString hint = QStringLiteral("install tmux.");
+    const QString gone = QStringLiteral("tmux couldn't show pane %1; has it been closed?")
+                             .arg(QString::fromStdString(target.pane));
+    job.run(commands[0], hint, [&job, target, commands, hint, gone](const Result& window) {
+        succeed(window, gone);
+        job.run(commands[1], hint, [&job, target, commands, hint, gone](const Result& pane) {
+            succeed(pane, gone);
+            // Only a client that is attached can be switched; a detached session still has its pane selected.
+            job.run(commands[2], hint, [&job, target](const Result&) { raiseTmuxClient(job, target); });
+        });
+    });
 }
 
-void jumpTo(const KittyWindow& target)
+void jumpTo(Job& job, const KittyWindow& target)
 {
-    succeed(run(kittyCommand(target), QStringLiteral("install kitty's command, or put it on PATH.")),
-            QStringLiteral("kitty didn't focus its window %1. Turn on remote control in kitty.conf "
-                           "(allow_remote_control yes, and listen_on unix:/tmp/kitty) and restart kitty.")
-                .arg(QString::fromStdString(target.id)));
+    const QString refused =
+        QStringLiteral("kitty didn't focus its window %1. Turn on remote control in kitty.conf "
+                       "(allow_remote_control yes, and listen_on unix:/tmp/kitty) and restart kitty.")
+            .arg(QString::fromStdString(target.id));
+    job.run(kittyCommand(target), QStringLiteral("install kitty's command, or put it on PATH."),
+            [&job, refused](const Result& result) {
+                succeed(result, refused);
+                job.finish();
+            });
 }
 
-void jumpTo(const WeztermPane& target)
+void jumpTo(Job& job, const WeztermPane& target)
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     if (target.socket)
         environment.insert(QStringLiteral("WEZTERM_UNIX_SOCKET"), QString::fromStdString(*target.socket));
-    succeed(run(weztermCommand(target), QStringLiteral("install WezTerm's command, or put it on PATH."),
-                environment),
-            QStringLiteral("WezTerm couldn't show pane %1; has it been closed?")
-                .arg(QString::fromStdString(target.pane)));
+    const QString gone = QStringLiteral("WezTerm couldn't show pane %1; has it been closed?")
+                             .arg(QString::fromStdString(target.pane));
+    job.run(
+        weztermCommand(target), QStringLiteral("install WezTerm's command, or put it on PATH."),
+        [&job, gone](const Result& result) {
+            succeed(result, gone);
+            job.finish();
+        },
+        environment);
 }
 
-void jumpTo(const KonsoleSession& target)
+void jumpTo(Job& job, const KonsoleSession& target)
 {
+    const auto raise = [&job, target] {
+        if (x11::available()) raiseQuietly(target.x11Window);
+        job.finish();
+    };
+    if (!target.window) return raise();
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected())
         throw std::runtime_error("Konsole can't be reached: there is no D-Bus session bus.");
-    if (target.window) {
-        QDBusMessage call = QDBusMessage::createMethodCall(
-            QString::fromStdString(target.service), QStringLiteral("/Windows/%1").arg(*target.window),
-            QStringLiteral("org.kde.konsole.Window"), QStringLiteral("setCurrentSession"));
-        call << target.session;
-        const QDBusMessage reply = bus.call(call, QDBus::Block, commandTimeoutMs);
-        if (reply.type() == QDBusMessage::ErrorMessage)
-            throw std::runtime_error(
-                QStringLiteral("Konsole couldn't show this session; has its tab been closed? (%1)")
-                    .arg(reply.errorMessage())
-                    .toStdString());
-    }
-    if (x11::available()) raiseQuietly(target.x11Window);
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        QString::fromStdString(target.service), QStringLiteral("/Windows/%1").arg(*target.window),
+        QStringLiteral("org.kde.konsole.Window"), QStringLiteral("setCurrentSession"));
+    call << target.session;
+    auto* reply = new QDBusPendingCallWatcher(bus.asyncCall(call, commandTimeoutMs), &job);
+    QObject::connect(
+        reply, &QDBusPendingCallWatcher::finished, &job, [&job, raise](QDBusPendingCallWatcher* done) {
+            done->deleteLater();
+            if (done->isError())
+                return job.finish(failure(
+                    QStringLiteral("Konsole couldn't show this session; has its tab been closed? (%1)")
+                        .arg(done->error().message())));
+            raise();
+        });
 }
 
-void jumpTo(const EditorFolder& target)
+void jumpTo(Job& job, const EditorFolder& target)
 {
     const QString program = QString::fromStdString(target.executable);
     if (!QProcess::startDetached(program, {QString::fromStdString(target.folder)}))
@@ -168,6 +253,7 @@ void jumpTo(const EditorFolder& target)
                            "(in the editor: \"Shell Command: Install '%1' command in PATH\").")
                 .arg(program)
                 .toStdString());
+    job.finish();
     if (!target.url) return;
     // The editor needs a moment to show the folder before it can take the link.
     beginDeferredJump();
@@ -178,9 +264,12 @@ void jumpTo(const EditorFolder& target)
     });
 }
 
-void jumpTo(const X11Window& target, const Session& session)
+void jumpTo(Job& job, const X11Window& target, const Session& session)
 {
-    if (target.window) return x11::activate(*target.window);
+    if (target.window) {
+        x11::activate(*target.window);
+        return job.finish();
+    }
     // Without a display the process's window cannot be looked for: the place is simply unknown.
     if (!x11::available()) throw JumpError::unknownOrigin();
     if (!session.process || !ProcessInspector::isAlive(*session.process))
@@ -188,24 +277,32 @@ void jumpTo(const X11Window& target, const Session& session)
     const auto window = x11::windowOfProcesses(lineage(session.process->pid));
     if (!window) throw JumpError::unknownOrigin();
     x11::activate(*window);
+    job.finish();
 }
 
 class LinuxJumper final : public Jumper {
   public:
-    void jump(const Session& session) override
+    void start(const Session& session, Done done) override
     {
-        const std::optional<Target> target = resolve(session);
-        if (!target) throw JumpError::unknownOrigin();
-        std::visit(
-            [&](const auto& place) {
-                using Place = std::decay_t<decltype(place)>;
-                if constexpr (std::is_same_v<Place, X11Window>)
-                    jumpTo(place, session);
-                else
-                    jumpTo(place);
-            },
-            *target);
+        auto* job = new Job(std::move(done), &jobs_);
+        job->step([&] {
+            const std::optional<Target> target = resolve(session);
+            if (!target) throw JumpError::unknownOrigin();
+            std::visit(
+                [&](const auto& place) {
+                    using Place = std::decay_t<decltype(place)>;
+                    if constexpr (std::is_same_v<Place, X11Window>)
+                        jumpTo(*job, place, session);
+                    else
+                        jumpTo(*job, place);
+                },
+                *target);
+        });
     }
+
+  private:
+    // Parent of the jobs under way: they end with the jumper.
+    QObject jobs_;
 };
 
 } // namespace

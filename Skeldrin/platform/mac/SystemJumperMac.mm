@@ -87,7 +87,7 @@ void openURL(const std::string& url)
     if (NSURL* link = [NSURL URLWithString:ns(url)]) [[NSWorkspace sharedWorkspace] openURL:link];
 }
 
-class MacJumper final : public Jumper {
+class MacJumper final : public ImmediateJumper {
   public:
     void jump(const Session& session) override
     {

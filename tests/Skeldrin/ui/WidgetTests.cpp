@@ -21,7 +21,7 @@ using namespace std::chrono;
 
 namespace {
 
-class RecordingJumper : public Jumper {
+class RecordingJumper : public ImmediateJumper {
   public:
     void jump(const Session& s) override { jumped.push_back(s.id); }
     std::vector<std::string> jumped;
