@@ -243,6 +243,9 @@ TEST(ProcessInspectorWalk, LooksThroughShellsToTheSessionProcess)
     table.add(801, 2, "bash"); // a shell-named hook directly under a non-shell parent
     table.add(2, 1, "kthreadd");
     EXPECT_EQ(claude(801, table.lookup()), (ProcessRef{2, 1002}));
+    table.add(802, 2, "sh"); // a shell under process 2 is looked through to it
+    table.add(803, 802, "hook");
+    EXPECT_EQ(claude(803, table.lookup()), (ProcessRef{2, 1002}));
 
     // Names close to a shell's are not shells.
     table.add(900, 1, "bash5");
