@@ -80,21 +80,29 @@ TEST(HookState, InstalledOnlyWhenEveryEventHasTheCurrentCommand)
         {"commands that are not strings", Json::parse(R"({"hooks": {"Stop": [{"hooks": [
             {"type": "command", "command": ["skeldrin-hook"]}, {"type": "command", "command": 5}]}]}})"),
          State::notInstalled},
-        {"beside the user's hooks", HookInstaller::installing(current, fixture("user-hooks.json")), State::installed},
-        {"other timeout, no matcher", edited(installed, [](Json& hooks) {
-             hooks["PreToolUse"][0].erase("matcher");
-             hooks["PreToolUse"][0]["hooks"][0]["timeout"] = 60;
-         }), State::installed},
-        {"an event missing", edited(installed, [](Json& hooks) { hooks.erase("StopFailure"); }), State::outdated},
-        {"an extra event", edited(installed, [](Json& hooks) { hooks["SubagentStop"] = Json::array({appGroup(current)}); }),
+        {"beside the user's hooks", HookInstaller::installing(current, fixture("user-hooks.json")),
+         State::installed},
+        {"other timeout, no matcher",
+         edited(installed,
+                [](Json& hooks) {
+                    hooks["PreToolUse"][0].erase("matcher");
+                    hooks["PreToolUse"][0]["hooks"][0]["timeout"] = 60;
+                }),
+         State::installed},
+        {"an event missing", edited(installed, [](Json& hooks) { hooks.erase("StopFailure"); }),
          State::outdated},
-        {"an earlier command left over", edited(installed, [](Json& hooks) { hooks["Stop"].push_back(appGroup(earlier)); }),
+        {"an extra event",
+         edited(installed, [](Json& hooks) { hooks["SubagentStop"] = Json::array({appGroup(current)}); }),
          State::outdated},
+        {"an earlier command left over",
+         edited(installed, [](Json& hooks) { hooks["Stop"].push_back(appGroup(earlier)); }), State::outdated},
         {"an earlier install", fixture("earlier-install.json"), State::outdated},
     };
-    for (const auto& [name, settings, state] : cases) EXPECT_EQ(HookInstaller::state(settings, current), state) << name;
+    for (const auto& [name, settings, state] : cases)
+        EXPECT_EQ(HookInstaller::state(settings, current), state) << name;
     // The executable moved: everything is in place, but for another path.
-    EXPECT_EQ(HookInstaller::state(installed, HookInstaller::command("/usr/local/bin/skeldrin-hook")), State::outdated);
+    EXPECT_EQ(HookInstaller::state(installed, HookInstaller::command("/usr/local/bin/skeldrin-hook")),
+              State::outdated);
 }
 
 // ---- Installing and removing ----
@@ -194,7 +202,7 @@ TEST(Installing, RefusesToOverwriteHooksOfAnotherShape)
 // ---- The file ----
 
 class SettingsFile : public ::testing::Test {
-protected:
+  protected:
     void placeFixture(const char* name)
     {
         fs::create_directories(settings.parent_path());

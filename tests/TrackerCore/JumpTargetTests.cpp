@@ -85,10 +85,12 @@ TEST(JumpTarget, AnIdThatIsNotURLTextOpensOnlyTheWindow)
 TEST(JumpTarget, DesktopSessionsContinueInTheDesktopApp)
 {
     const std::tuple<std::optional<std::string>, std::optional<std::string>, JumpTarget> cases[] = {
-        {"local_8d3f0a", std::nullopt, JumpTarget::claudeDesktop("claude://code/continue?session=local_8d3f0a")},
+        {"local_8d3f0a", std::nullopt,
+         JumpTarget::claudeDesktop("claude://code/continue?session=local_8d3f0a")},
         {"not a url", std::nullopt, JumpTarget::activateApp("com.anthropic.claudefordesktop")},
         {std::nullopt, std::nullopt, JumpTarget::activateApp("com.anthropic.claudefordesktop")},
-        {std::nullopt, "com.anthropic.claudefordesktop.beta", JumpTarget::activateApp("com.anthropic.claudefordesktop.beta")},
+        {std::nullopt, "com.anthropic.claudefordesktop.beta",
+         JumpTarget::activateApp("com.anthropic.claudefordesktop.beta")},
     };
     for (const auto& [hostSessionId, bundleId, target] : cases) {
         Origin desktop;

@@ -54,12 +54,16 @@ TEST(ProcessInspectorProcfs, StatFieldsFollowTheLastParenthesis)
 TEST(ProcessInspectorProcfs, TerminalDeviceNamesAndBootTime)
 {
     const std::tuple<std::uint32_t, std::uint32_t, std::optional<std::string>> ttys[] = {
-        {136, 7, "/dev/pts/7"},  {136, 300, "/dev/pts/300"}, {137, 5, "/dev/pts/261"}, {143, 255, "/dev/pts/2047"},
-        {4, 1, "/dev/tty1"},     {4, 63, "/dev/tty63"},      {4, 64, "/dev/ttyS0"},    {0, 0, std::nullopt},
+        {136, 7, "/dev/pts/7"},   {136, 300, "/dev/pts/300"},
+        {137, 5, "/dev/pts/261"}, {143, 255, "/dev/pts/2047"},
+        {4, 1, "/dev/tty1"},      {4, 63, "/dev/tty63"},
+        {4, 64, "/dev/ttyS0"},    {0, 0, std::nullopt},
         {5, 1, std::nullopt}, // the console is not named from the number alone
-        {188, 0, std::nullopt},  {135, 0, std::nullopt},     {144, 0, std::nullopt},
+        {188, 0, std::nullopt},   {135, 0, std::nullopt},
+        {144, 0, std::nullopt},
     };
-    for (const auto& [major, minor, path] : ttys) EXPECT_EQ(ttyPath(ttyNr(major, minor)), path) << major << ":" << minor;
+    for (const auto& [major, minor, path] : ttys)
+        EXPECT_EQ(ttyPath(ttyNr(major, minor)), path) << major << ":" << minor;
 
     EXPECT_EQ(bootTime("cpu  1 2 3\nintr 5 6 7\nctxt 9\nbtime 1795391846\nprocesses 40\n"), 1795391846);
     EXPECT_EQ(bootTime("btime 12"), 12);
@@ -69,7 +73,7 @@ TEST(ProcessInspectorProcfs, TerminalDeviceNamesAndBootTime)
 }
 
 class BootAnchorTest : public ::testing::Test {
-protected:
+  protected:
     // A btime source that counts how often it was asked.
     std::function<std::optional<std::int64_t>()> btime(std::int64_t value)
     {

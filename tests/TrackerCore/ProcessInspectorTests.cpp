@@ -64,13 +64,15 @@ public:
             posix_spawn_file_actions_addopen(&actions, 3, options.terminal.c_str(), O_RDWR, 0);
         posix_spawnattr_t attributes;
         posix_spawnattr_init(&attributes);
-        if (options.newSession || !options.terminal.empty()) posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
+        if (options.newSession || !options.terminal.empty())
+            posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
         std::vector<char*> envp;
         if (options.environment)
             for (const auto& entry : *options.environment) envp.push_back(const_cast<char*>(entry.c_str()));
         envp.push_back(nullptr);
         char* argv[] = {const_cast<char*>(kProbe), const_cast<char*>("wait"), nullptr};
-        if (::posix_spawn(&pid_, kProbe, &actions, &attributes, argv, options.environment ? envp.data() : environ) != 0)
+        if (::posix_spawn(&pid_, kProbe, &actions, &attributes, argv,
+                          options.environment ? envp.data() : environ) != 0)
             pid_ = -1;
         posix_spawn_file_actions_destroy(&actions);
         posix_spawnattr_destroy(&attributes);

@@ -241,7 +241,8 @@ TEST(ReducerFailures, InterruptsEndTheTurnOtherFailuresCloseTheTool)
     EXPECT_EQ(s.phase, Phase::idle);
 
     // Without a list of open prompts, any close resets the count, which never goes negative.
-    for (const auto& [close, pending] : {std::pair{"PostToolUse", 3}, {"PermissionDenied", 1}, {"PermissionDenied", 0}}) {
+    for (const auto& [close, pending] :
+         {std::pair{"PostToolUse", 3}, {"PermissionDenied", 1}, {"PermissionDenied", 0}}) {
         s.openPrompts.reset();
         s.pendingApprovals = pending;
         s.waitingFor = "x";

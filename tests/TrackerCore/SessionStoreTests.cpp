@@ -16,9 +16,15 @@ namespace fs = std::filesystem;
 
 namespace {
 
-Date at(int s) { return Date{std::chrono::sys_days{std::chrono::year{2026} / 3 / 14}} + std::chrono::seconds{s}; }
+Date at(int s)
+{
+    return Date{std::chrono::sys_days{std::chrono::year{2026} / 3 / 14}} + std::chrono::seconds{s};
+}
 
-Session make(const std::string& id, int t = 0) { return Session(id, "claude", "/w", {}, std::nullopt, at(t)); }
+Session make(const std::string& id, int t = 0)
+{
+    return Session(id, "claude", "/w", {}, std::nullopt, at(t));
+}
 
 // Adds one to the session's approval count, creating it when it is missing.
 void bump(const SessionStore& store, const std::string& id)
@@ -43,20 +49,22 @@ void retitle(const SessionStore& store, const std::string& id, const std::string
 std::vector<std::string> sortedIds(const SessionStore::LoadResult& result)
 {
     std::vector<std::string> ids;
-    for (const auto& s : result.sessions) ids.push_back(s.id + "/" + s.title.value_or(""));
-    for (const auto& f : result.failures) ids.push_back("!" + f.file.filename().string());
+    for (const auto& s : result.sessions)
+        ids.push_back(s.id + "/" + s.title.value_or(""));
+    for (const auto& f : result.failures)
+        ids.push_back("!" + f.file.filename().string());
     std::sort(ids.begin(), ids.end());
     return ids;
 }
 
 class SessionStoreTest : public ::testing::Test {
 protected:
-    std::string bytes(const std::string& id) const { return test::readText(dir / (id + ".json")); }
-    Session stored(const std::string& id) const { return decodeSession(bytes(id)); }
-    void write(const std::string& name, const std::string& content) const
-    {
-        fs::create_directories(dir);
-        test::writeText(dir / name, content);
+  std::string bytes(const std::string& id) const { return test::readText(dir / (id + ".json")); }
+  Session stored(const std::string& id) const { return decodeSession(bytes(id)); }
+  void write(const std::string& name, const std::string& content) const
+  {
+      fs::create_directories(dir);
+      test::writeText(dir / name, content);
     }
 
     test::TempDir root{"skeldrin-store"};
@@ -145,8 +153,10 @@ TEST_F(SessionStoreTest, LoadAllCollectsFailuresAndSkipsOtherFiles)
     write("notes.txt", "hello");
     write(".a.json.tmp", "{half a file"); // left by a killed writer
     fs::create_directories(dir / "folder.json");
-    EXPECT_EQ(sortedIds(store.loadAll()), (std::vector<std::string>{"!folder.json", "!x.json", "!y.json", "a/", "b/"}));
-    for (const auto& f : store.loadAll().failures) EXPECT_FALSE(f.error.empty());
+    EXPECT_EQ(sortedIds(store.loadAll()),
+              (std::vector<std::string>{"!folder.json", "!x.json", "!y.json", "a/", "b/"}));
+    for (const auto& f : store.loadAll().failures)
+        EXPECT_FALSE(f.error.empty());
 }
 
 TEST_F(SessionStoreTest, ConcurrentWritersLoseNoUpdate)
@@ -172,7 +182,8 @@ TEST_F(SessionStoreTest, ConcurrentWritersLoseNoUpdate)
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
     EXPECT_EQ(stored("shared").approvalsThisTurn, kProcesses * kUpdates);
-    for (int p = 0; p < kProcesses; ++p) EXPECT_EQ(stored("own" + std::to_string(p)).approvalsThisTurn, kUpdates);
+    for (int p = 0; p < kProcesses; ++p)
+        EXPECT_EQ(stored("own" + std::to_string(p)).approvalsThisTurn, kUpdates);
 }
 
 TEST_F(SessionStoreTest, WriterKilledWhileHoldingTheLockLeavesTheStoreUsable)
@@ -219,8 +230,9 @@ TEST_F(SessionStoreTest, CachedLoadsFollowEveryChange)
 {
     SessionStore::LoadCache cache;
     // "Now" far ahead makes every file count as settled, the case where the cache is trusted.
-    const Date later = std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now()) +
-                       std::chrono::hours(1);
+    const Date later =
+        std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now()) +
+        std::chrono::hours(1);
     retitle(store, "a", "one");
     retitle(store, "b", "one");
     EXPECT_EQ(sortedIds(store.loadAll(cache, later)), sortedIds(store.loadAll()));
@@ -239,7 +251,8 @@ TEST_F(SessionStoreTest, CachedLoadsFollowEveryChange)
 
     // A file written just before it was read is read again, even though its stamp did not change.
     SessionStore::LoadCache fresh;
-    const Date now = std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
+    const Date now =
+        std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
     EXPECT_FALSE(store.loadAll(fresh, now).unchanged);
     EXPECT_FALSE(store.loadAll(fresh, now).unchanged);
 }

@@ -125,9 +125,9 @@ TEST(OriginTest, FromEnvironmentAndAppName)
     EXPECT_FALSE(o.isHeadless());
 
     const std::tuple<std::optional<std::string>, std::optional<std::string>, const char*> apps[] = {
-        {"iTerm.app", std::nullopt, "iTerm"},      {"WarpTerminal", std::nullopt, "Warp"},
-        {"ghostty", std::nullopt, "Ghostty"},      {"vscode", std::nullopt, "VS Code"},
-        {"kitty", std::nullopt, "kitty"},          {"iTerm.app", "claude-desktop", "Claude"},
+        {"iTerm.app", std::nullopt, "iTerm"}, {"WarpTerminal", std::nullopt, "Warp"},
+        {"ghostty", std::nullopt, "Ghostty"}, {"vscode", std::nullopt, "VS Code"},
+        {"kitty", std::nullopt, "kitty"},     {"iTerm.app", "claude-desktop", "Claude"},
         {std::nullopt, "sdk-py", "Terminal"},
     };
     for (const auto& [term, entry, app] : apps) {

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-
 using namespace skeldrin;
 using namespace std::string_literals;
 
@@ -69,11 +68,14 @@ TEST(TranscriptTail, NewestCustomTitleWinsOverEveryAiTitle)
         // A title line without its title, or with one of the wrong kind, lets the search go on.
         {customTitle("Kept") + customTitle(nullptr) + userLine(kStamp, "go"), "Kept"},
         {aiTitle("Kept") + aiTitle(nullptr), "Kept"},
-        {customTitle("Kept") + R"({"type":"custom-title","customTitle":42})" "\n", "Kept"},
+        {customTitle("Kept") + R"({"type":"custom-title","customTitle":42})"
+                               "\n",
+         "Kept"},
         // An empty custom title is still the user's choice.
         {aiTitle("Generated") + customTitle(""), ""},
     };
-    for (const auto& [bytes, title] : cases) EXPECT_EQ(TranscriptTail::parse(bytes).title, title) << bytes;
+    for (const auto& [bytes, title] : cases)
+        EXPECT_EQ(TranscriptTail::parse(bytes).title, title) << bytes;
 }
 
 TEST(TranscriptTail, InterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
@@ -81,20 +83,24 @@ TEST(TranscriptTail, InterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
     const char* marker = "[Request interrupted by user]";
     const std::string interrupt = userLine(kStamp, "[Request interrupted by user] and then some more words");
     const auto withContent = [](const char* content) {
-        return std::string(R"({"type":"user","timestamp":")") + kStamp + R"(","message":{"content":)" + content +
-               "}}";
+        return std::string(R"({"type":"user","timestamp":")") + kStamp + R"(","message":{"content":)" +
+               content + "}}";
     };
     const std::pair<std::string, bool> cases[] = {
         {interrupt, true},
         // Lines that are not turns never settle it; any newer turn line makes the interrupt history.
-        {interrupt + aiTitle("t") + customTitle("c") + R"({"type":"system"})" "\n", true},
+        {interrupt + aiTitle("t") + customTitle("c") +
+             R"({"type":"system"})"
+             "\n",
+         true},
         {interrupt + assistantLine("Resuming"), false},
         {interrupt + userLine(kStamp, "carry on"), false},
         {interrupt + assistantLine("ok") + customTitle("c"), false},
         // The marker must start a text of a user line, as written.
-        {userLine(kStamp, Json::array({{{"type", "tool_result"}, {"tool_use_id", "toolu_1"}, {"content", "rejected"}},
-                                       {{"type", "image"}},
-                                       {{"type", "text"}, {"text", "[Request interrupted by user for tool use]"}}})),
+        {userLine(kStamp,
+                  Json::array({{{"type", "tool_result"}, {"tool_use_id", "toolu_1"}, {"content", "rejected"}},
+                               {{"type", "image"}},
+                               {{"type", "text"}, {"text", "[Request interrupted by user for tool use]"}}})),
          true},
         {userLine(kStamp, " [Request interrupted by user]"), false},
         {userLine(kStamp, "[request interrupted by user]"), false},
@@ -103,8 +109,11 @@ TEST(TranscriptTail, InterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
         // A block list that would not decode gives no texts; a null text is no text.
         {userLine(kStamp, Json::array({7, {{"type", "text"}, {"text", marker}}})), false},
         {userLine(kStamp, Json::array({{{"type", "text"}, {"text", marker}}, 7})), false},
-        {userLine(kStamp, Json::array({{{"type", "text"}, {"text", 3}}, {{"type", "text"}, {"text", marker}}})), false},
-        {userLine(kStamp, Json::array({{{"type", "text"}, {"text", nullptr}}, {{"type", "text"}, {"text", marker}}})),
+        {userLine(kStamp,
+                  Json::array({{{"type", "text"}, {"text", 3}}, {{"type", "text"}, {"text", marker}}})),
+         false},
+        {userLine(kStamp,
+                  Json::array({{{"type", "text"}, {"text", nullptr}}, {{"type", "text"}, {"text", marker}}})),
          true},
         {userLine(kStamp, Json::array({marker})), false},
         {withContent(R"({"text":"[Request interrupted by user]"})"), false},
@@ -119,11 +128,16 @@ TEST(TranscriptTail, InterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
         {userLine("yesterday", marker), false},
         {userLine(kStamp, marker) + userLine(nullptr, marker), false},
         // Unknown keys and odd values elsewhere do not keep a line from being the newest turn.
-        {interrupt + R"({"type":"assistant","id":3,"message":{"content":5}})" "\n", false},
-        {interrupt + R"({"type":"assistant","message":null})" "\r\n", false},
+        {interrupt + R"({"type":"assistant","id":3,"message":{"content":5}})"
+                     "\n",
+         false},
+        {interrupt + R"({"type":"assistant","message":null})"
+                     "\r\n",
+         false},
     };
     for (const auto& [bytes, interrupted] : cases)
-        EXPECT_EQ(TranscriptTail::parse(bytes).interruptedAt, interrupted ? std::optional(at(kStamp)) : std::nullopt)
+        EXPECT_EQ(TranscriptTail::parse(bytes).interruptedAt,
+                  interrupted ? std::optional(at(kStamp)) : std::nullopt)
             << bytes;
 
     // Each of these fails to decode as a whole, so the interrupt before it is still the newest turn.
@@ -151,8 +165,8 @@ TEST(TranscriptTail, SurvivesHugeAndHostileInput)
     std::string binary(4096, '\0');
     for (std::size_t i = 0; i < binary.size(); ++i) binary[i] = static_cast<char>((i * 7919) % 251 + 1);
     const std::string bytes = customTitle("Survivor") + huge + "\n" +
-                              userLine(kStamp, Json::array({{{"type", "tool_result"}, {"content", huge}}})) + binary +
-                              "\n{\"type\":\"user\",\"message\":{\"content\":\"" + huge + "\n" +
+                              userLine(kStamp, Json::array({{{"type", "tool_result"}, {"content", huge}}})) +
+                              binary + "\n{\"type\":\"user\",\"message\":{\"content\":\"" + huge + "\n" +
                               std::string(100000, '[') + "\n\n\n\n";
     const auto tail = TranscriptTail::parse(bytes);
     EXPECT_EQ(tail.title, "Survivor");

@@ -41,7 +41,8 @@ std::string drain(int fd)
 {
     std::string text;
     char buffer[4096];
-    for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<std::size_t>(n));
+    for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0;)
+        text.append(buffer, static_cast<std::size_t>(n));
     ::close(fd);
     return text;
 }
@@ -49,10 +50,11 @@ std::string drain(int fd)
 // One run of a hook executable; start() and finish() apart let tests run many at once or act in between.
 class Hook {
 public:
-    explicit Hook(const Env& env, std::string executable = kHook)
-        : executable_(std::move(executable))
-    {
-        for (const auto& [k, v] : env) env_.push_back(k + "=" + v);
+  explicit Hook(const Env& env, std::string executable = kHook)
+      : executable_(std::move(executable))
+  {
+      for (const auto& [k, v] : env)
+          env_.push_back(k + "=" + v);
     }
 
     pid_t start(int stdinFd = -1)
@@ -66,14 +68,16 @@ public:
         posix_spawn_file_actions_adddup2(&actions, out[1], 1);
         posix_spawn_file_actions_adddup2(&actions, err[1], 2);
         std::vector<char*> envp;
-        for (auto& s : env_) envp.push_back(s.data());
+        for (auto& s : env_)
+            envp.push_back(s.data());
         envp.push_back(nullptr);
         char* argv[] = {executable_.data(), nullptr};
         pid_t pid;
         if (posix_spawn(&pid, executable_.c_str(), &actions, nullptr, argv, envp.data()) != 0)
             throw std::runtime_error("cannot start " + executable_);
         posix_spawn_file_actions_destroy(&actions);
-        for (int fd : {in[0], out[1], err[1]}) ::close(fd);
+        for (int fd : {in[0], out[1], err[1]})
+            ::close(fd);
         stdin_ = in[1], stdout_ = out[0], stderr_ = err[0];
         return pid;
     }
@@ -101,18 +105,18 @@ public:
     Outcome run(const std::string& payload) { return finish(start(), payload); }
 
 private:
-    std::vector<std::string> env_;
-    std::string executable_;
-    int stdin_ = -1, stdout_ = -1, stderr_ = -1;
+  std::vector<std::string> env_;
+  std::string executable_;
+  int stdin_ = -1, stdout_ = -1, stderr_ = -1;
 };
 
 class HookCommandTest : public ::testing::Test {
 protected:
-    HookCommandTest()
-    {
-        // Writing to a hook that a test killed must fail with EPIPE, not end the test process.
-        std::signal(SIGPIPE, SIG_IGN);
-    }
+  HookCommandTest()
+  {
+      // Writing to a hook that a test killed must fail with EPIPE, not end the test process.
+      std::signal(SIGPIPE, SIG_IGN);
+  }
 
     Outcome hook(const std::string& payload) { return Hook(env).run(payload); }
     // The dynamically linked hook with a preloaded shim that fails one kind of system call.
@@ -120,7 +124,7 @@ protected:
     {
         Env failing = env;
         failing["LD_PRELOAD"] = SKELDRIN_FAIL_SHIM;
-        failing["SKELDRIN_FAIL"] = fail; // call:errno[:skip[:times]]
+        failing["SKELDRIN_FAIL"] = fail;                      // call:errno[:skip[:times]]
         failing["ASAN_OPTIONS"] = "verify_asan_link_order=0"; // the shim comes first in the sanitizer build
         return Hook(failing, kSharedHook).run(payload);
     }
@@ -214,7 +218,8 @@ TEST_F(HookCommandTest, BadPayloadsAndCorruptFilesFailQuietlyAndChangeNothing)
         R"({"hook_event_name":"Stop","session_id":"keep/../../evil"})",
         "\x89PNG\r\n\x1a\n\0\0\0binary",
     };
-    for (const auto& payload : bad) EXPECT_TRUE(hook(payload).failedQuietly()) << payload;
+    for (const auto& payload : bad)
+        EXPECT_TRUE(hook(payload).failedQuietly()) << payload;
 
     // A session file the hook cannot read stays for the user, and the error names it.
     const auto r = hook(event("UserPromptSubmit", "s1"));
@@ -250,12 +255,14 @@ TEST_F(HookCommandTest, FiftyHooksAtOnceLoseNoUpdate)
     constexpr int kShared = 25, kOwn = 25;
     std::vector<Hook> hooks(kShared + kOwn, Hook(env));
     std::vector<pid_t> pids;
-    for (auto& h : hooks) pids.push_back(h.start());
+    for (auto& h : hooks)
+        pids.push_back(h.start());
     for (int i = 0; i < kShared + kOwn; ++i) {
         const auto payload =
-            i < kShared ? event("PermissionRequest", "shared",
-                                R"(,"tool_name":"Bash","tool_input":{"command":"make )" + std::to_string(i) + "\"}")
-                        : event("UserPromptSubmit", "own-" + std::to_string(i));
+            i < kShared
+                ? event("PermissionRequest", "shared",
+                        R"(,"tool_name":"Bash","tool_input":{"command":"make )" + std::to_string(i) + "\"}")
+                : event("UserPromptSubmit", "own-" + std::to_string(i));
         const auto r = hooks[i].finish(pids[i], payload);
         EXPECT_EQ(r.exitStatus, 0);
         EXPECT_EQ(r.err, "");
@@ -314,10 +321,8 @@ TEST_F(HookCommandTest, DiskAndSystemFailuresExitQuietlyAndLoseNoSession)
         {"flock" + e(ENOLCK), prompt, false},        //
         {"flock" + e(EINTR) + ":0:3", prompt, true}, //
         {"open" + e(ENOSPC) + ":1", prompt, false},  // the session file
-        {"write" + e(ENOSPC), prompt, false},
-        {"write" + e(EIO), prompt, false},
-        {"rename" + e(EIO), prompt, false},
-        {"unlink" + e(EIO), end, false},
+        {"write" + e(ENOSPC), prompt, false},        {"write" + e(EIO), prompt, false},
+        {"rename" + e(EIO), prompt, false},          {"unlink" + e(EIO), end, false},
         {"open" + e(EROFS), prompt, false},
     };
     ASSERT_EQ(hook(event("Stop", "s1")).exitStatus, 0);

@@ -9,7 +9,7 @@
 namespace skeldrin::test {
 
 class TempDir {
-public:
+  public:
     explicit TempDir(const std::string& prefix = "skeldrin")
     {
         std::string pattern = (std::filesystem::temp_directory_path() / (prefix + "-XXXXXX")).string();
@@ -27,7 +27,7 @@ public:
     const std::filesystem::path& path() const { return path_; }
     std::filesystem::path operator/(const std::filesystem::path& name) const { return path_ / name; }
 
-private:
+  private:
     std::filesystem::path path_;
 };
 
