@@ -1,10 +1,12 @@
 #include "TrackerCore/HookInstaller.h"
+#include "support/TempDir.h"
 #include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <set>
 #include <sys/stat.h>
 
@@ -20,7 +22,6 @@ namespace {
 const fs::path fixtures = fs::path(SKELDRIN_FIXTURES) / "settings";
 const std::string current = HookInstaller::command("/opt/Skeldrin/bin/skeldrin-hook");
 const std::string earlier = "'/Applications/Skeldrin.app/Contents/MacOS/skeldrin-hook'";
-
 
 Json fixture(const char* name)
 {
@@ -66,49 +67,42 @@ TEST(HookInstallerCommand, ShellReadsBackTheExactPath)
     EXPECT_EQ(echoed, awkward);
 }
 
-// ---- State ----
-
-TEST(HookState, NotInstalledWithoutAnyEntryOfTheApp)
-{
-    EXPECT_EQ(HookInstaller::state(Json::object(), current), State::notInstalled);
-    EXPECT_EQ(HookInstaller::state(fixture("user-hooks.json"), current), State::notInstalled);
-    // Only a string command is recognised.
-    const Json notCommands = Json::parse(R"({"hooks": {"Stop": [{"hooks": [
-        {"type": "command", "command": ["skeldrin-hook"]}, {"type": "command", "command": 5}]}]}})");
-    EXPECT_EQ(HookInstaller::state(notCommands, current), State::notInstalled);
-}
-
-TEST(HookState, InstalledIgnoresTimeoutsAndMatchers)
-{
-    Json settings = HookInstaller::installing(current, fixture("user-hooks.json"));
-    EXPECT_EQ(HookInstaller::state(settings, current), State::installed);
-
-    Json& question = settings["hooks"]["PreToolUse"].back();
-    question.erase("matcher");
-    question["hooks"][0]["timeout"] = 60;
-    EXPECT_EQ(HookInstaller::state(settings, current), State::installed);
-}
-
-TEST(HookState, OutdatedWhenEventsOrCommandsDiffer)
+TEST(HookState, InstalledOnlyWhenEveryEventHasTheCurrentCommand)
 {
     const Json installed = HookInstaller::installing(current, Json::object());
-
-    Json missing = installed;
-    missing["hooks"].erase("StopFailure");
-    EXPECT_EQ(HookInstaller::state(missing, current), State::outdated);
-
-    Json extra = installed;
-    extra["hooks"]["SubagentStop"] = Json::array({appGroup(current)});
-    EXPECT_EQ(HookInstaller::state(extra, current), State::outdated);
-
-    Json leftover = installed;
-    leftover["hooks"]["Stop"].push_back(appGroup(earlier));
-    EXPECT_EQ(HookInstaller::state(leftover, current), State::outdated);
-
+    const auto edited = [](Json settings, const std::function<void(Json&)>& edit) {
+        edit(settings["hooks"]);
+        return settings;
+    };
+    const std::tuple<const char*, Json, State> cases[] = {
+        {"empty", Json::object(), State::notInstalled},
+        {"only the user's hooks", fixture("user-hooks.json"), State::notInstalled},
+        {"commands that are not strings", Json::parse(R"({"hooks": {"Stop": [{"hooks": [
+            {"type": "command", "command": ["skeldrin-hook"]}, {"type": "command", "command": 5}]}]}})"),
+         State::notInstalled},
+        {"beside the user's hooks", HookInstaller::installing(current, fixture("user-hooks.json")),
+         State::installed},
+        {"other timeout, no matcher",
+         edited(installed,
+                [](Json& hooks) {
+                    hooks["PreToolUse"][0].erase("matcher");
+                    hooks["PreToolUse"][0]["hooks"][0]["timeout"] = 60;
+                }),
+         State::installed},
+        {"an event missing", edited(installed, [](Json& hooks) { hooks.erase("StopFailure"); }),
+         State::outdated},
+        {"an extra event",
+         edited(installed, [](Json& hooks) { hooks["SubagentStop"] = Json::array({appGroup(current)}); }),
+         State::outdated},
+        {"an earlier command left over",
+         edited(installed, [](Json& hooks) { hooks["Stop"].push_back(appGroup(earlier)); }), State::outdated},
+        {"an earlier install", fixture("earlier-install.json"), State::outdated},
+    };
+    for (const auto& [name, settings, state] : cases)
+        EXPECT_EQ(HookInstaller::state(settings, current), state) << name;
     // The executable moved: everything is in place, but for another path.
     EXPECT_EQ(HookInstaller::state(installed, HookInstaller::command("/usr/local/bin/skeldrin-hook")),
               State::outdated);
-    EXPECT_EQ(HookInstaller::state(fixture("earlier-install.json"), current), State::outdated);
 }
 
 // ---- Installing and removing ----
@@ -209,23 +203,15 @@ TEST(Installing, RefusesToOverwriteHooksOfAnotherShape)
 
 class SettingsFile : public ::testing::Test {
   protected:
-    void SetUp() override
-    {
-        std::string pattern = (fs::temp_directory_path() / "skeldrin-settings-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        root = pattern;
-        settings = root / ".claude" / "settings.json";
-        backup = root / ".claude" / "settings.json.skeldrin-backup";
-    }
-    void TearDown() override { fs::remove_all(root); }
-
     void placeFixture(const char* name)
     {
         fs::create_directories(settings.parent_path());
         fs::copy_file(fixtures / name, settings);
     }
 
-    fs::path root, settings, backup;
+    skeldrin::test::TempDir root{"skeldrin-settings"};
+    fs::path settings = root / ".claude" / "settings.json";
+    fs::path backup = root / ".claude" / "settings.json.skeldrin-backup";
 };
 
 TEST_F(SettingsFile, FirstInstallCreatesTheFileWithoutBackup)
@@ -305,15 +291,6 @@ TEST_F(SettingsFile, BackupKeepsTheSettingsFromBeforeTheFirstWrite)
     EXPECT_EQ(HookInstaller::readSettings(settings), fixture("user-hooks.json"));
     EXPECT_EQ(namesIn(settings.parent_path()),
               (std::set<std::string>{"settings.json", "settings.json.skeldrin-backup"}));
-}
-
-TEST_F(SettingsFile, AnExistingBackupIsNeverReplaced)
-{
-    placeFixture("user-hooks.json");
-    writeText(backup, "{\"model\": \"the user's own\"}");
-    HookInstaller::writeSettings(Json{{"model", "haiku"}}, settings);
-    EXPECT_EQ(readText(backup), "{\"model\": \"the user's own\"}");
-    EXPECT_EQ(HookInstaller::readSettings(settings), (Json{{"model", "haiku"}}));
 }
 
 TEST_F(SettingsFile, NoWriteWhenTheBackupCannotBeMade)

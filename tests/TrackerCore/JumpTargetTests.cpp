@@ -84,24 +84,24 @@ TEST(JumpTarget, AnIdThatIsNotURLTextOpensOnlyTheWindow)
 
 TEST(JumpTarget, DesktopSessionsContinueInTheDesktopApp)
 {
-    Origin desktop;
-    desktop.entrypoint = "claude-desktop";
-    desktop.hostSessionId = "local_8d3f0a";
-    EXPECT_EQ(JumpTarget::resolve(sessionWith(desktop)),
-              JumpTarget::claudeDesktop("claude://code/continue?session=local_8d3f0a"));
-
-    desktop.hostSessionId = "not a url";
-    EXPECT_EQ(JumpTarget::resolve(sessionWith(desktop)),
-              JumpTarget::activateApp("com.anthropic.claudefordesktop"));
-    desktop.hostSessionId.reset();
-    EXPECT_EQ(JumpTarget::resolve(sessionWith(desktop)),
-              JumpTarget::activateApp("com.anthropic.claudefordesktop"));
-    desktop.bundleId = "com.anthropic.claudefordesktop.beta";
-    EXPECT_EQ(JumpTarget::resolve(sessionWith(desktop)),
-              JumpTarget::activateApp("com.anthropic.claudefordesktop.beta"));
+    const std::tuple<std::optional<std::string>, std::optional<std::string>, JumpTarget> cases[] = {
+        {"local_8d3f0a", std::nullopt,
+         JumpTarget::claudeDesktop("claude://code/continue?session=local_8d3f0a")},
+        {"not a url", std::nullopt, JumpTarget::activateApp("com.anthropic.claudefordesktop")},
+        {std::nullopt, std::nullopt, JumpTarget::activateApp("com.anthropic.claudefordesktop")},
+        {std::nullopt, "com.anthropic.claudefordesktop.beta",
+         JumpTarget::activateApp("com.anthropic.claudefordesktop.beta")},
+    };
+    for (const auto& [hostSessionId, bundleId, target] : cases) {
+        Origin desktop;
+        desktop.entrypoint = "claude-desktop";
+        desktop.hostSessionId = hostSessionId;
+        desktop.bundleId = bundleId;
+        EXPECT_EQ(JumpTarget::resolve(sessionWith(desktop)), target) << hostSessionId.value_or("-");
+    }
 }
 
-TEST(JumpTarget, TerminalsAreFoundByTheirTty)
+TEST(JumpTarget, TerminalsAreFoundByTheirTtyAndEditorTerminalsByTheirWindow)
 {
     EXPECT_EQ(
         JumpTarget::resolve(sessionWith(terminal("Apple_Terminal", "/dev/ttys004", "com.apple.Terminal"))),
@@ -117,10 +117,8 @@ TEST(JumpTarget, TerminalsAreFoundByTheirTty)
               JumpTarget::activateApp("com.github.wez.wezterm"));
     EXPECT_EQ(JumpTarget::resolve(sessionWith(terminal("apple_terminal", "/dev/ttys004"))), std::nullopt);
     EXPECT_EQ(JumpTarget::resolve(sessionWith(Origin())), std::nullopt);
-}
 
-TEST(JumpTarget, AnEditorsIntegratedTerminalOpensTheEditorWindow)
-{
+    // An editor's integrated terminal opens the editor's window.
     EXPECT_EQ(JumpTarget::resolve(sessionWith(terminal("vscode", "/dev/ttys011", cursor))),
               JumpTarget::editorWindow(cursor, "/Users/ada/src/engine"));
     EXPECT_EQ(JumpTarget::resolve(sessionWith(terminal("vscode", std::nullopt, "com.example.unknown"))),

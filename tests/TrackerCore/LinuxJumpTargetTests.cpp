@@ -23,7 +23,7 @@ Session sessionFrom(const Environment& environment, std::optional<ProcessRef> pr
     return session;
 }
 
-TEST(LinuxOrigin, CapturesTheLinuxPlacesAndRoundTripsThemThroughJson)
+TEST(LinuxOrigin, CapturesTheLinuxPlacesAndLeavesOthersAsTheyWere)
 {
     const Origin origin({{"TMUX", "/tmp/tmux-1000/default,4242,0"},
                          {"TMUX_PANE", "%7"},
@@ -36,10 +36,7 @@ TEST(LinuxOrigin, CapturesTheLinuxPlacesAndRoundTripsThemThroughJson)
     EXPECT_EQ(origin.x11Window, "41943047");
     EXPECT_EQ(originFromJson(toJson(origin)), origin);
     EXPECT_EQ(toJson(origin)["tmuxSocket"], "/tmp/tmux-1000/default");
-}
-
-TEST(LinuxOrigin, OlderFilesAndMacOriginsAreUnchanged)
-{
+    // Older files and macOS origins are unchanged.
     const Origin mac({{"TERM_PROGRAM", "iTerm.app"}, {"__CFBundleIdentifier", "com.googlecode.iterm2"}},
                      "/dev/ttys003");
     EXPECT_EQ(toJson(mac).dump(),
@@ -61,7 +58,7 @@ struct Resolution {
     std::optional<lj::Target> expected;
 };
 
-TEST(LinuxJumpTarget, FirstKnownPlaceWins)
+TEST(LinuxJumpTarget, FirstKnownPlaceWinsThenTheEditorOrTheNearestWindow)
 {
     const std::vector<Resolution> table = {
         {"tmux inside kitty",
@@ -90,10 +87,10 @@ TEST(LinuxJumpTarget, FirstKnownPlaceWins)
     };
     for (const Resolution& row : table)
         EXPECT_EQ(lj::resolve(sessionFrom(row.environment)), row.expected) << row.name;
-}
+    // Any live process falls back to its nearest window.
+    EXPECT_EQ(lj::resolve(sessionFrom({}, ProcessRef{4242, 1.5})), lj::Target(lj::X11Window{}));
 
-TEST(LinuxJumpTarget, ExtensionSessionsGetTheirEditorsDeepLink)
-{
+    // Extension sessions get their editor's deep link, when the id may stand in a URL.
     Session session = sessionFrom({{"CLAUDE_CODE_ENTRYPOINT", "claude-vscode"}});
     session.origin.editorExecutable = "cursor";
     EXPECT_EQ(lj::resolve(session),
@@ -104,12 +101,7 @@ TEST(LinuxJumpTarget, ExtensionSessionsGetTheirEditorsDeepLink)
     EXPECT_EQ(std::get<lj::EditorFolder>(*lj::resolve(session)).url, std::nullopt);
 }
 
-TEST(LinuxJumpTarget, AnyLiveProcessFallsBackToItsNearestWindow)
-{
-    EXPECT_EQ(lj::resolve(sessionFrom({}, ProcessRef{4242, 1.5})), lj::Target(lj::X11Window{}));
-}
-
-TEST(LinuxJumpTarget, HostileValuesAreRefusedNeverPassedOn)
+TEST(LinuxJumpTarget, HostileValuesAreRefusedByNameNeverPassedOn)
 {
     const std::vector<Environment> table = {
         {{"TMUX", "relative/sock,1,0"}, {"TMUX_PANE", "%1"}},
@@ -132,10 +124,6 @@ TEST(LinuxJumpTarget, HostileValuesAreRefusedNeverPassedOn)
     Session editor = sessionFrom({{"TERM_PROGRAM", "vscode"}});
     editor.origin.editorExecutable = "rm";
     EXPECT_THROW(lj::resolve(editor), InvalidJumpValue);
-}
-
-TEST(LinuxJumpTarget, ErrorsNameTheBadValue)
-{
     try {
         lj::resolve(sessionFrom({{"TMUX", "/tmp/s,1,0"}, {"TMUX_PANE", "%x"}}));
         FAIL() << "not refused";

@@ -1,4 +1,5 @@
 #include "TrackerCore/ProcessInspectorLinux.h"
+#include "support/TempDir.h"
 #include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
@@ -20,7 +21,6 @@ using skeldrin::test::readText;
 using skeldrin::test::writeText;
 
 namespace {
-
 
 // tty_nr as the kernel encodes a device number.
 std::int64_t ttyNr(std::uint32_t major, std::uint32_t minor)
@@ -51,48 +51,29 @@ TEST(ProcessInspectorProcfs, StatFieldsFollowTheLastParenthesis)
     EXPECT_EQ(self->shortName, comm);
 }
 
-TEST(ProcessInspectorProcfs, TerminalDeviceNames)
+TEST(ProcessInspectorProcfs, TerminalDeviceNamesAndBootTime)
 {
-    EXPECT_EQ(ttyPath(ttyNr(136, 7)), "/dev/pts/7");
-    EXPECT_EQ(ttyPath(ttyNr(136, 300)), "/dev/pts/300"); // minor above 255 uses the high bits
-    EXPECT_EQ(ttyPath(ttyNr(137, 5)), "/dev/pts/261");
-    EXPECT_EQ(ttyPath(ttyNr(143, 255)), "/dev/pts/2047");
-    EXPECT_EQ(ttyPath(ttyNr(4, 1)), "/dev/tty1");
-    EXPECT_EQ(ttyPath(ttyNr(4, 63)), "/dev/tty63");
-    EXPECT_EQ(ttyPath(ttyNr(4, 64)), "/dev/ttyS0");
+    const std::tuple<std::uint32_t, std::uint32_t, std::optional<std::string>> ttys[] = {
+        {136, 7, "/dev/pts/7"},   {136, 300, "/dev/pts/300"},
+        {137, 5, "/dev/pts/261"}, {143, 255, "/dev/pts/2047"},
+        {4, 1, "/dev/tty1"},      {4, 63, "/dev/tty63"},
+        {4, 64, "/dev/ttyS0"},    {0, 0, std::nullopt},
+        {5, 1, std::nullopt}, // the console is not named from the number alone
+        {188, 0, std::nullopt},   {135, 0, std::nullopt},
+        {144, 0, std::nullopt},
+    };
+    for (const auto& [major, minor, path] : ttys)
+        EXPECT_EQ(ttyPath(ttyNr(major, minor)), path) << major << ":" << minor;
 
-    EXPECT_EQ(ttyPath(0), std::nullopt);
-    EXPECT_EQ(ttyPath(ttyNr(5, 1)), std::nullopt);   // console: not named from the number alone
-    EXPECT_EQ(ttyPath(ttyNr(188, 0)), std::nullopt); // USB serial
-    EXPECT_EQ(ttyPath(ttyNr(135, 0)), std::nullopt);
-    EXPECT_EQ(ttyPath(ttyNr(144, 0)), std::nullopt);
-}
-
-TEST(ProcessInspectorProcfs, BootTimeLine)
-{
     EXPECT_EQ(bootTime("cpu  1 2 3\nintr 5 6 7\nctxt 9\nbtime 1795391846\nprocesses 40\n"), 1795391846);
     EXPECT_EQ(bootTime("btime 12"), 12);
-    EXPECT_EQ(bootTime("cpu 1\nprocesses 40\n"), std::nullopt);
-    EXPECT_EQ(bootTime("xbtime 12\n"), std::nullopt);
-    EXPECT_EQ(bootTime("btime twelve\n"), std::nullopt);
+    for (const char* bad : {"cpu 1\nprocesses 40\n", "xbtime 12\n", "btime twelve\n"})
+        EXPECT_EQ(bootTime(bad), std::nullopt) << bad;
     EXPECT_TRUE(bootTime(readText("/proc/stat")));
 }
 
 class BootAnchorTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        std::string pattern = (fs::temp_directory_path() / "skeldrin-anchor-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        directory = pattern;
-        file = directory / "skeldrin-boot";
-    }
-    void TearDown() override
-    {
-        std::error_code ignored;
-        fs::remove_all(directory, ignored);
-    }
-
+  protected:
     // A btime source that counts how often it was asked.
     std::function<std::optional<std::int64_t>()> btime(std::int64_t value)
     {
@@ -102,8 +83,8 @@ protected:
         };
     }
 
-    fs::path directory;
-    fs::path file;
+    skeldrin::test::TempDir directory{"skeldrin-anchor"};
+    fs::path file = directory / "skeldrin-boot";
     int asked = 0;
 };
 
@@ -127,7 +108,7 @@ TEST_F(BootAnchorTest, FirstBtimeOfABootSurvivesClockSteps)
     EXPECT_EQ(bootAnchor(file, "boot-a", btime(1042)), 1042);
 
     // No temporary files are left behind.
-    EXPECT_EQ(std::distance(fs::directory_iterator(directory), fs::directory_iterator()), 1);
+    EXPECT_EQ(std::distance(fs::directory_iterator(directory.path()), fs::directory_iterator()), 1);
 }
 
 TEST_F(BootAnchorTest, DamagedOwnFileIsReplaced)
@@ -148,43 +129,40 @@ TEST_F(BootAnchorTest, DamagedOwnFileIsReplaced)
 // The file may sit in /tmp, where anyone can put something at its name first.
 TEST_F(BootAnchorTest, UntrustedFilesAreNeitherBelievedNorTouched)
 {
+    const auto ignored = [&](const char* what) {
+        SCOPED_TRACE(what);
+        EXPECT_EQ(bootAnchor(file, "boot-a", btime(2000)), 2000);
+        EXPECT_EQ(bootAnchor(file, "boot-b", btime(2000)), 2000);
+    };
     const fs::path planted = directory / "planted";
     writeText(planted, "boot-a 1000\n");
     ::chmod(planted.c_str(), 0600);
     ASSERT_EQ(bootAnchor(planted, "boot-a", btime(9)), 1000) << "a file of our own is believed";
-
     fs::create_symlink(planted, file);
-    EXPECT_EQ(bootAnchor(file, "boot-a", btime(2000)), 2000);
+    ignored("symlink");
     EXPECT_TRUE(fs::is_symlink(fs::symlink_status(file)));
     EXPECT_EQ(readText(planted), "boot-a 1000\n");
-    fs::remove(file);
 
-    writeText(file, "boot-a 1000\n");
+    fs::remove(file);
+    fs::copy_file(planted, file);
     for (const auto mode : {0620, 0602, 0666}) {
         ::chmod(file.c_str(), static_cast<mode_t>(mode));
-        EXPECT_EQ(bootAnchor(file, "boot-a", btime(2000)), 2000) << std::oct << mode;
-        EXPECT_EQ(bootAnchor(file, "boot-b", btime(2000)), 2000) << std::oct << mode;
+        ignored("writable by others");
         EXPECT_EQ(readText(file), "boot-a 1000\n");
     }
-    fs::remove(file);
-
-    ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
-    EXPECT_EQ(bootAnchor(file, "boot-a", btime(2000)), 2000);
-    EXPECT_TRUE(fs::is_fifo(fs::symlink_status(file)));
-    fs::remove(file);
-
-    fs::create_directory(file);
-    EXPECT_EQ(bootAnchor(file, "boot-a", btime(2000)), 2000);
-    fs::remove(file);
-
     if (::geteuid() == 0) { // only root can make a file that belongs to someone else
-        writeText(file, "boot-a 1000\n");
         ::chmod(file.c_str(), 0600);
         ASSERT_EQ(::chown(file.c_str(), 65534, 65534), 0);
-        EXPECT_EQ(bootAnchor(file, "boot-a", btime(2000)), 2000);
-        EXPECT_EQ(bootAnchor(file, "boot-b", btime(2000)), 2000);
+        ignored("someone else's");
         EXPECT_EQ(readText(file), "boot-a 1000\n");
     }
+    fs::remove(file);
+    ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
+    ignored("fifo");
+    EXPECT_TRUE(fs::is_fifo(fs::symlink_status(file)));
+    fs::remove(file);
+    fs::create_directory(file);
+    ignored("directory");
 }
 
 TEST_F(BootAnchorTest, ConcurrentFirstReadersAgree)

@@ -15,9 +15,11 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <sys/ioctl.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+extern char** environ;
 
 using namespace skeldrin;
 using namespace skeldrin::ProcessInspector;
@@ -26,30 +28,17 @@ namespace {
 
 const char* const kProbe = SKELDRIN_PROCESS_PROBE;
 
-void closeOnExec(int fd)
-{
-    ::fcntl(fd, F_SETFD, ::fcntl(fd, F_GETFD) | FD_CLOEXEC);
-}
-
 // Reads fd up to and including the first newline, or to its end.
 std::string readLine(int fd)
 {
     std::string line;
-    char byte;
-    for (;;) {
+    for (char byte; line.empty() || line.back() != '\n';) {
         const auto count = ::read(fd, &byte, 1);
         if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return line;
+        if (count <= 0) break;
         line += byte;
-        if (byte == '\n') return line;
     }
-}
-
-void reap(pid_t pid)
-{
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    return line;
 }
 
 // The probe in "wait" mode as a child of the test, alive until finish(): optionally in a session of
@@ -65,47 +54,34 @@ public:
     explicit Child(const ChildOptions& options = {})
     {
         int input[2], output[2];
-        if (::pipe(input) != 0) return;
-        if (::pipe(output) != 0) {
-            ::close(input[0]);
-            ::close(input[1]);
-            return;
-        }
-        for (const int fd : {input[0], input[1], output[0], output[1]}) closeOnExec(fd);
-
-        // Everything the child uses is built before fork: after it only async-signal-safe calls.
-        std::vector<char*> argv{const_cast<char*>(kProbe), const_cast<char*>("wait"), nullptr};
+        if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0) return;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
+        posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
+        // Opened by a session leader without a terminal, the slave becomes its controlling terminal.
+        if (!options.terminal.empty())
+            posix_spawn_file_actions_addopen(&actions, 3, options.terminal.c_str(), O_RDWR, 0);
+        posix_spawnattr_t attributes;
+        posix_spawnattr_init(&attributes);
+        if (options.newSession || !options.terminal.empty())
+            posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
         std::vector<char*> envp;
-        if (options.environment) {
+        if (options.environment)
             for (const auto& entry : *options.environment) envp.push_back(const_cast<char*>(entry.c_str()));
-            envp.push_back(nullptr);
-        }
-        const bool newSession = options.newSession || !options.terminal.empty();
-        const char* terminal = options.terminal.empty() ? nullptr : options.terminal.c_str();
-
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            if (newSession && ::setsid() < 0) ::_exit(126);
-            if (terminal) {
-                const int fd = ::open(terminal, O_RDWR | O_NOCTTY);
-                if (fd < 0 || ::ioctl(fd, TIOCSCTTY, 0) != 0) ::_exit(125);
-                ::close(fd);
-            }
-            ::dup2(input[0], STDIN_FILENO);
-            ::dup2(output[1], STDOUT_FILENO);
-            if (options.environment)
-                ::execve(kProbe, argv.data(), envp.data());
-            else
-                ::execv(kProbe, argv.data());
-            ::_exit(127);
-        }
+        envp.push_back(nullptr);
+        char* argv[] = {const_cast<char*>(kProbe), const_cast<char*>("wait"), nullptr};
+        if (::posix_spawn(&pid_, kProbe, &actions, &attributes, argv,
+                          options.environment ? envp.data() : environ) != 0)
+            pid_ = -1;
+        posix_spawn_file_actions_destroy(&actions);
+        posix_spawnattr_destroy(&attributes);
         ::close(input[0]);
         ::close(output[1]);
         input_ = input[1];
         if (pid_ > 0) started_ = readLine(output[0]) == "ready\n";
         ::close(output[0]);
     }
-
     ~Child() { finish(); }
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
@@ -119,7 +95,8 @@ public:
     {
         if (input_ >= 0) ::close(input_);
         input_ = -1;
-        if (pid_ > 0) reap(pid_);
+        while (pid_ > 0 && ::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+        }
         pid_ = -1;
     }
 
@@ -128,27 +105,6 @@ private:
     int input_ = -1;
     bool started_ = false;
 };
-
-// Runs `/bin/sh -c command` and returns its standard output.
-std::string runShell(const std::string& command)
-{
-    int output[2];
-    if (::pipe(output) != 0) return {};
-    closeOnExec(output[0]);
-    closeOnExec(output[1]);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::dup2(output[1], STDOUT_FILENO);
-        ::execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    ::close(output[1]);
-    std::string out;
-    for (std::string line; !(line = readLine(output[0])).empty();) out += line;
-    ::close(output[0]);
-    if (pid > 0) reap(pid);
-    return out;
-}
 
 // A made-up process table for the ancestor walk.
 struct Table {
@@ -253,8 +209,10 @@ TEST(ProcessInspectorLive, ClaudeIsTheFirstAncestorThatIsNotAShell)
 {
     const auto self = ref(::getpid());
     ASSERT_TRUE(self);
-    const std::string output =
-        runShell(std::string("bash -c '\"") + kProbe + "\" claude; true'; true");
+    FILE* shell = ::popen((std::string("bash -c '\"") + kProbe + "\" claude; true'; true").c_str(), "r");
+    ASSERT_NE(shell, nullptr);
+    const std::string output = readLine(::fileno(shell));
+    ::pclose(shell);
 
     int pid = 0;
     double startTime = 0;
@@ -287,6 +245,9 @@ TEST(ProcessInspectorWalk, LooksThroughShellsToTheSessionProcess)
     table.add(801, 2, "bash"); // a shell-named hook directly under a non-shell parent
     table.add(2, 1, "kthreadd");
     EXPECT_EQ(claude(801, table.lookup()), (ProcessRef{2, 1002}));
+    table.add(802, 2, "sh"); // a shell under process 2 is looked through to it
+    table.add(803, 802, "hook");
+    EXPECT_EQ(claude(803, table.lookup()), (ProcessRef{2, 1002}));
 
     // Names close to a shell's are not shells.
     table.add(900, 1, "bash5");

@@ -167,21 +167,6 @@ TEST(ReducerApprovals, PermissionRequestsCountAndClose)
     EXPECT_FALSE(s.waitingFor);
 }
 
-TEST(ReducerApprovals, PermissionDeniedWithoutListNeverGoesNegative)
-{
-    Session s = run({event("UserPromptSubmit")});
-    s.openPrompts.reset();
-    s.pendingApprovals = 1;
-    s.waitingFor = "x";
-    s = run({event("PermissionDenied")}, s);
-    EXPECT_EQ(s.pendingApprovals, 0);
-    EXPECT_FALSE(s.waitingFor);
-    EXPECT_EQ(s.openPrompts, std::vector<std::string>{});
-    s.openPrompts.reset();
-    s = run({event("PermissionDenied")}, s);
-    EXPECT_EQ(s.pendingApprovals, 0);
-}
-
 TEST(ReducerApprovals, NotificationsOpenPromptsOnlyWhenNoneIsCounted)
 {
     Session s = run({event("UserPromptSubmit"), event("PermissionRequest", bash("ls")),
@@ -255,11 +240,17 @@ TEST(ReducerFailures, InterruptsEndTheTurnOtherFailuresCloseTheTool)
     EXPECT_EQ(s.pendingApprovals, 0);
     EXPECT_EQ(s.phase, Phase::idle);
 
-    s.openPrompts.reset();
-    s.pendingApprovals = 3;
-    s = run({event("PostToolUse")}, s); // no list: everything is reset
-    EXPECT_EQ(s.pendingApprovals, 0);
-    EXPECT_EQ(s.openPrompts, std::vector<std::string>{});
+    // Without a list of open prompts, any close resets the count, which never goes negative.
+    for (const auto& [close, pending] :
+         {std::pair{"PostToolUse", 3}, {"PermissionDenied", 1}, {"PermissionDenied", 0}}) {
+        s.openPrompts.reset();
+        s.pendingApprovals = pending;
+        s.waitingFor = "x";
+        s = run({event(close)}, s);
+        EXPECT_EQ(s.pendingApprovals, 0) << close;
+        EXPECT_FALSE(s.waitingFor) << close;
+        EXPECT_EQ(s.openPrompts, std::vector<std::string>{}) << close;
+    }
 }
 
 TEST(ReducerTimes, OnlyAStatusChangeTouchesTheTimes)

@@ -1,14 +1,14 @@
 #include "TrackerCore/Files.h"
 #include "TrackerCore/Paths.h"
 #include "TrackerCore/SessionStore.h"
+#include "support/TempDir.h"
+#include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <fstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 using namespace skeldrin;
@@ -16,45 +16,69 @@ namespace fs = std::filesystem;
 
 namespace {
 
-Date SystemClockNow()
+Date at(int s)
 {
-    return std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
+    return Date{std::chrono::sys_days{std::chrono::year{2026} / 3 / 14}} + std::chrono::seconds{s};
 }
 
-Date at(int s) { return Date{std::chrono::sys_days{std::chrono::year{2026} / 3 / 14}} + std::chrono::seconds{s}; }
+Session make(const std::string& id, int t = 0)
+{
+    return Session(id, "claude", "/w", {}, std::nullopt, at(t));
+}
+
+// Adds one to the session's approval count, creating it when it is missing.
+void bump(const SessionStore& store, const std::string& id)
+{
+    store.update(id, [&](const std::optional<Session>& current) {
+        Session next = current.value_or(make(id));
+        next.approvalsThisTurn += 1;
+        return std::optional(next);
+    });
+}
+
+void retitle(const SessionStore& store, const std::string& id, const std::string& title)
+{
+    store.update(id, [&](const std::optional<Session>& current) {
+        Session next = current.value_or(make(id));
+        next.title = title;
+        return std::optional(next);
+    });
+}
+
+// Sessions as "id/title" and failures as "!file", sorted.
+std::vector<std::string> sortedIds(const SessionStore::LoadResult& result)
+{
+    std::vector<std::string> ids;
+    for (const auto& s : result.sessions)
+        ids.push_back(s.id + "/" + s.title.value_or(""));
+    for (const auto& f : result.failures)
+        ids.push_back("!" + f.file.filename().string());
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
 
 class SessionStoreTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        char pattern[] = "/tmp/skeldrin-store-XXXXXX";
-        root = mkdtemp(pattern);
-        dir = root / "nested/sessions";
-    }
-    void TearDown() override { fs::remove_all(root); }
-
-    static std::optional<Session> make(const std::string& id, int t = 0)
-    {
-        return Session(id, "claude", "/w", {}, std::nullopt, at(t));
-    }
-    std::string bytes(const std::string& id) const { return files::readWholeFile(dir / (id + ".json")).value(); }
-    void write(const std::string& name, const std::string& content) const
-    {
-        fs::create_directories(dir);
-        std::ofstream(dir / name) << content;
+  std::string bytes(const std::string& id) const { return test::readText(dir / (id + ".json")); }
+  Session stored(const std::string& id) const { return decodeSession(bytes(id)); }
+  void write(const std::string& name, const std::string& content) const
+  {
+      fs::create_directories(dir);
+      test::writeText(dir / name, content);
     }
 
-    fs::path root, dir;
+    test::TempDir root{"skeldrin-store"};
+    fs::path dir = root / "nested/sessions";
+    const SessionStore store{dir};
 };
 
 } // namespace
 
 TEST_F(SessionStoreTest, RejectsHostileIdsBeforeTouchingTheDisk)
 {
-    const SessionStore store(dir);
     for (const std::string id : {"../x", "a/b", "a b", "", "x.json", "a\nb", "\xff\xfe", "id;rm"}) {
         try {
-            store.update(id, [](const auto&) { return make("x"); });
+            store.update(id, [](const auto&) { return std::optional(make("x")); });
             ADD_FAILURE() << "accepted " << id;
         } catch (const SessionStoreError& e) {
             EXPECT_EQ(e.kind(), SessionStoreError::Kind::invalidSessionId);
@@ -68,119 +92,85 @@ TEST_F(SessionStoreTest, RejectsHostileIdsBeforeTouchingTheDisk)
         EXPECT_TRUE(SessionStore::isValidSessionId(id)) << id;
 }
 
-TEST_F(SessionStoreTest, CreatesUpdatesAndRemoves)
+TEST_F(SessionStoreTest, CreatesUpdatesRewritesOnlyChangesAndRemoves)
 {
-    const SessionStore store(dir);
     store.update("s1", [](const std::optional<Session>& current) {
         EXPECT_FALSE(current);
-        return make("s1");
+        return std::optional(make("s1"));
     });
-    EXPECT_EQ(decodeSession(bytes("s1")), *make("s1"));
+    EXPECT_EQ(stored("s1"), make("s1"));
     struct stat info {};
     ASSERT_EQ(::stat((dir / ".lock").c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0644u);
 
-    store.update("s1", [](const std::optional<Session>& current) {
-        EXPECT_TRUE(current);
-        Session next = *current;
-        next.title = "renamed";
-        return std::optional(next);
-    });
-    EXPECT_EQ(decodeSession(bytes("s1")).title, "renamed");
+    // An unchanged record is not rewritten: an old stamp would show a rewrite.
+    const auto file = dir / "s1.json";
+    const auto old = fs::last_write_time(file) - std::chrono::hours(1);
+    fs::last_write_time(file, old);
+    store.update("s1", [](const std::optional<Session>& current) { return current; });
+    EXPECT_EQ(fs::last_write_time(file), old);
 
+    retitle(store, "s1", "renamed");
+    EXPECT_EQ(stored("s1").title, "renamed");
     store.remove("s1");
-    EXPECT_FALSE(fs::exists(dir / "s1.json"));
+    EXPECT_FALSE(fs::exists(file));
     store.remove("s1"); // a missing session is fine
     store.update("ghost", [](const auto&) { return std::optional<Session>(); });
     EXPECT_FALSE(fs::exists(dir / "ghost.json"));
 }
 
-TEST_F(SessionStoreTest, UnchangedRecordIsNotRewritten)
+TEST_F(SessionStoreTest, CorruptFilesAndFailingBodiesChangeNothing)
 {
-    const SessionStore store(dir);
-    store.update("s1", [](const auto&) { return make("s1"); });
-    const auto file = dir / "s1.json";
-    // Make the file look old, so a rewrite would show in its modification time.
-    const auto old = fs::last_write_time(file) - std::chrono::hours(1);
-    fs::last_write_time(file, old);
-    const std::string before = bytes("s1");
-    store.update("s1", [](const std::optional<Session>& current) { return current; });
-    EXPECT_EQ(fs::last_write_time(file), old);
-    EXPECT_EQ(bytes("s1"), before);
-}
-
-TEST_F(SessionStoreTest, CorruptFileIsNeverOverwritten)
-{
-    const SessionStore store(dir);
     write("bad.json", "{\"id\": \"bad\", truncated");
     bool bodyRan = false;
-    EXPECT_THROW(store.update("bad", [&](const auto&) {
+    const auto body = [&](const auto&) {
         bodyRan = true;
-        return make("bad");
-    }),
-                 DecodingError);
+        return std::optional(make("bad"));
+    };
+    EXPECT_THROW(store.update("bad", body), DecodingError);
     EXPECT_FALSE(bodyRan);
     EXPECT_EQ(bytes("bad"), "{\"id\": \"bad\", truncated");
     EXPECT_THROW(store.remove("bad"), DecodingError);
     EXPECT_TRUE(fs::exists(dir / "bad.json"));
-}
 
-TEST_F(SessionStoreTest, BodyErrorsPassThroughAndReleaseTheLock)
-{
-    const SessionStore store(dir);
     EXPECT_THROW(store.update("s1", [](const auto&) -> std::optional<Session> { throw std::logic_error("no"); }),
                  std::logic_error);
     EXPECT_FALSE(fs::exists(dir / "s1.json"));
-    store.update("s1", [](const auto&) { return make("s1"); }); // would hang if the lock were still held
+    bump(store, "s1"); // would hang if the lock were still held
     EXPECT_TRUE(fs::exists(dir / "s1.json"));
 }
 
 TEST_F(SessionStoreTest, LoadAllCollectsFailuresAndSkipsOtherFiles)
 {
-    const SessionStore store(dir);
-    auto empty = store.loadAll();
+    const auto empty = store.loadAll();
     EXPECT_TRUE(empty.sessions.empty() && empty.failures.empty());
     EXPECT_TRUE(fs::is_directory(dir));
 
-    store.update("a", [](const auto&) { return make("a"); });
-    store.update("b", [](const auto&) { return make("b", 5); });
+    bump(store, "a");
+    bump(store, "b");
     write("x.json", "not json");
     write("y.json", "{\"id\": 3}");
     write("notes.txt", "hello");
     write(".a.json.tmp", "{half a file"); // left by a killed writer
     fs::create_directories(dir / "folder.json");
-
-    auto loaded = store.loadAll();
-    std::vector<std::string> ids;
-    for (const auto& s : loaded.sessions) ids.push_back(s.id);
-    std::sort(ids.begin(), ids.end());
-    EXPECT_EQ(ids, (std::vector<std::string>{"a", "b"}));
-    std::vector<std::string> failed;
-    for (const auto& f : loaded.failures) {
-        failed.push_back(f.file.filename());
+    EXPECT_EQ(sortedIds(store.loadAll()),
+              (std::vector<std::string>{"!folder.json", "!x.json", "!y.json", "a/", "b/"}));
+    for (const auto& f : store.loadAll().failures)
         EXPECT_FALSE(f.error.empty());
-    }
-    std::sort(failed.begin(), failed.end());
-    EXPECT_EQ(failed, (std::vector<std::string>{"folder.json", "x.json", "y.json"}));
 }
 
 TEST_F(SessionStoreTest, ConcurrentWritersLoseNoUpdate)
 {
-    const SessionStore store(dir);
     constexpr int kProcesses = 8, kUpdates = 25;
     std::vector<pid_t> children;
     for (int p = 0; p < kProcesses; ++p) {
         const pid_t pid = fork();
         ASSERT_GE(pid, 0);
         if (pid == 0) {
+            // All writers share one session, and each has one of its own.
             for (int i = 0; i < kUpdates; ++i) {
-                // Half the writers share one session, the others each have their own.
-                for (const std::string& id : {std::string("shared"), "own" + std::to_string(p)})
-                    store.update(id, [&](const std::optional<Session>& current) {
-                        Session next = current ? *current : *make(id);
-                        next.approvalsThisTurn += 1;
-                        return std::optional(next);
-                    });
+                bump(store, "shared");
+                bump(store, "own" + std::to_string(p));
             }
             _exit(0);
         }
@@ -191,17 +181,15 @@ TEST_F(SessionStoreTest, ConcurrentWritersLoseNoUpdate)
         waitpid(pid, &status, 0);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
-    EXPECT_EQ(decodeSession(bytes("shared")).approvalsThisTurn, kProcesses * kUpdates);
+    EXPECT_EQ(stored("shared").approvalsThisTurn, kProcesses * kUpdates);
     for (int p = 0; p < kProcesses; ++p)
-        EXPECT_EQ(decodeSession(bytes("own" + std::to_string(p))).approvalsThisTurn, kUpdates);
+        EXPECT_EQ(stored("own" + std::to_string(p)).approvalsThisTurn, kUpdates);
 }
 
 TEST_F(SessionStoreTest, WriterKilledWhileHoldingTheLockLeavesTheStoreUsable)
 {
-    const SessionStore store(dir);
-    store.update("s1", [](const auto&) { return make("s1"); });
+    bump(store, "s1");
     const std::string before = bytes("s1");
-
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
     const pid_t pid = fork();
@@ -221,20 +209,15 @@ TEST_F(SessionStoreTest, WriterKilledWhileHoldingTheLockLeavesTheStoreUsable)
     close(ready[1]);
 
     EXPECT_EQ(bytes("s1"), before);
-    store.update("s1", [](const std::optional<Session>& current) {
-        Session next = *current;
-        next.title = "after";
-        return std::optional(next);
-    });
-    EXPECT_EQ(decodeSession(bytes("s1")).title, "after");
+    retitle(store, "s1", "after");
+    EXPECT_EQ(stored("s1").title, "after");
 }
 
 TEST_F(SessionStoreTest, LockFailureIsReported)
 {
     fs::create_directories(dir / ".lock"); // a directory cannot be opened for writing
-    const SessionStore store(dir);
     try {
-        store.update("s1", [](const auto&) { return make("s1"); });
+        bump(store, "s1");
         ADD_FAILURE() << "no error";
     } catch (const SessionStoreError& e) {
         EXPECT_EQ(e.kind(), SessionStoreError::Kind::lockFailed);
@@ -245,35 +228,22 @@ TEST_F(SessionStoreTest, LockFailureIsReported)
 
 TEST_F(SessionStoreTest, CachedLoadsFollowEveryChange)
 {
-    const SessionStore store(dir);
     SessionStore::LoadCache cache;
-    const auto sortedIds = [](const SessionStore::LoadResult& r) {
-        std::vector<std::string> ids;
-        for (const auto& s : r.sessions) ids.push_back(s.id + "/" + s.title.value_or(""));
-        for (const auto& f : r.failures) ids.push_back("!" + f.file.filename().string());
-        std::sort(ids.begin(), ids.end());
-        return ids;
-    };
-    const auto retitle = [&](const std::string& id, const std::string& title) {
-        store.update(id, [&](const std::optional<Session>& current) {
-            Session next = current ? *current : *make(id);
-            next.title = title;
-            return std::optional(next);
-        });
-    };
     // "Now" far ahead makes every file count as settled, the case where the cache is trusted.
-    const Date later = SystemClockNow() + std::chrono::hours(1);
-    retitle("a", "one");
-    retitle("b", "one");
+    const Date later =
+        std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now()) +
+        std::chrono::hours(1);
+    retitle(store, "a", "one");
+    retitle(store, "b", "one");
     EXPECT_EQ(sortedIds(store.loadAll(cache, later)), sortedIds(store.loadAll()));
     const auto again = store.loadAll(cache, later);
     EXPECT_TRUE(again.unchanged);
     EXPECT_TRUE(again.sessions.empty());
-    retitle("a", "two");
+    retitle(store, "a", "two");
     write("c.json", "garbage");
     EXPECT_EQ(sortedIds(store.loadAll(cache, later)), (std::vector<std::string>{"!c.json", "a/two", "b/one"}));
     store.remove("b");
-    write("c.json", encodeSession(*make("c")));
+    write("c.json", encodeSession(make("c")));
     EXPECT_EQ(sortedIds(store.loadAll(cache, later)), (std::vector<std::string>{"a/two", "c/"}));
     EXPECT_EQ(cache.entries.size(), 2u);
     store.remove("c");
@@ -281,8 +251,10 @@ TEST_F(SessionStoreTest, CachedLoadsFollowEveryChange)
 
     // A file written just before it was read is read again, even though its stamp did not change.
     SessionStore::LoadCache fresh;
-    EXPECT_FALSE(store.loadAll(fresh, SystemClockNow()).unchanged);
-    EXPECT_FALSE(store.loadAll(fresh, SystemClockNow()).unchanged);
+    const Date now =
+        std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
+    EXPECT_FALSE(store.loadAll(fresh, now).unchanged);
+    EXPECT_FALSE(store.loadAll(fresh, now).unchanged);
 }
 
 TEST(Paths, HomeFromPasswdText)

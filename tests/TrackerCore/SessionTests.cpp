@@ -49,7 +49,7 @@ TEST(Dates, FormatAndParseTheFixedForm)
     EXPECT_EQ(formatIso8601(at(0, 999999)), "2026-03-14T00:00:00.999Z");
 }
 
-TEST(SessionStatus, DerivedFromCountersAndPhase)
+TEST(SessionStatus, DerivedFromCountersAndPhaseWithLabelsAndUrgency)
 {
     Session s("x", "claude", "/", {}, std::nullopt, at(0));
     EXPECT_EQ(s.status(), Status::ready);
@@ -70,10 +70,7 @@ TEST(SessionStatus, DerivedFromCountersAndPhase)
     s.pendingApprovals = 2;
     s.phase = Phase::idle;
     EXPECT_EQ(s.status(), Status::multiStepWaiting);
-}
 
-TEST(SessionStatus, LabelsRawValuesAndUrgency)
-{
     EXPECT_EQ(label(Status::waiting), "Needs approval");
     EXPECT_EQ(label(Status::multiStepWaiting), "Needs several approvals");
     EXPECT_EQ(statusFromRawValue("multiStepWaiting"), Status::multiStepWaiting);
@@ -127,19 +124,18 @@ TEST(OriginTest, FromEnvironmentAndAppName)
     EXPECT_EQ(o.appName(), "Cursor");
     EXPECT_FALSE(o.isHeadless());
 
-    const auto appFor = [](std::optional<std::string> term, std::optional<std::string> entry = std::nullopt) {
-        Origin origin;
-        origin.termProgram = std::move(term);
-        origin.entrypoint = std::move(entry);
-        return origin.appName();
+    const std::tuple<std::optional<std::string>, std::optional<std::string>, const char*> apps[] = {
+        {"iTerm.app", std::nullopt, "iTerm"}, {"WarpTerminal", std::nullopt, "Warp"},
+        {"ghostty", std::nullopt, "Ghostty"}, {"vscode", std::nullopt, "VS Code"},
+        {"kitty", std::nullopt, "kitty"},     {"iTerm.app", "claude-desktop", "Claude"},
+        {std::nullopt, "sdk-py", "Terminal"},
     };
-    EXPECT_EQ(appFor("iTerm.app"), "iTerm");
-    EXPECT_EQ(appFor("WarpTerminal"), "Warp");
-    EXPECT_EQ(appFor("ghostty"), "Ghostty");
-    EXPECT_EQ(appFor("vscode"), "VS Code");
-    EXPECT_EQ(appFor("kitty"), "kitty");
-    EXPECT_EQ(appFor("iTerm.app", "claude-desktop"), "Claude");
-    EXPECT_EQ(appFor(std::nullopt, "sdk-py"), "Terminal");
+    for (const auto& [term, entry, app] : apps) {
+        Origin origin;
+        origin.termProgram = term;
+        origin.entrypoint = entry;
+        EXPECT_EQ(origin.appName(), app) << term.value_or("-");
+    }
 }
 
 TEST(EditorTable, LooksUpByExactBundleId)
@@ -169,17 +165,6 @@ TEST(SessionJson, RoundTripsWithSortedKeysAndNoNulls)
     EXPECT_NE(decodeSession(encodeSession(fine)), fine);
 }
 
-TEST(SessionJson, AbsentOpenPromptsDiffersFromEmpty)
-{
-    Json json = toJson(sample());
-    json.erase("openPrompts");
-    const Session decoded = sessionFromJson(json);
-    EXPECT_FALSE(decoded.openPrompts);
-    EXPECT_NE(decoded, sample());
-    json["openPrompts"] = nullptr;
-    EXPECT_FALSE(sessionFromJson(json).openPrompts);
-}
-
 TEST(SessionJson, RequiredKeysAndTypesAreEnforced)
 {
     const Json good = toJson(sample());
@@ -204,6 +189,13 @@ TEST(SessionJson, RequiredKeysAndTypesAreEnforced)
     Session expected = sample();
     expected.headline.reset();
     EXPECT_EQ(sessionFromJson(extra), expected);
+    // An absent list of open prompts differs from an empty one.
+    Json absent = good;
+    absent.erase("openPrompts");
+    EXPECT_FALSE(sessionFromJson(absent).openPrompts);
+    EXPECT_NE(sessionFromJson(absent), sample());
+    absent["openPrompts"] = nullptr;
+    EXPECT_FALSE(sessionFromJson(absent).openPrompts);
     EXPECT_THROW(decodeSession("{\"id\": "), DecodingError);
     EXPECT_THROW(decodeSession("[]"), DecodingError);
 }

@@ -28,6 +28,7 @@ TEST(Text, ReplacesInvalidUtf8)
     EXPECT_EQ(sanitizeUtf8("\xed\xa0\x80"), "\uFFFD\uFFFD\uFFFD"); // surrogate
     EXPECT_EQ(sanitizeUtf8("ok \u00e9"), "ok \u00e9");
     EXPECT_EQ(decodeUtf8("\xf0\x9f\x98\x80"), U"\U0001F600");
+    EXPECT_EQ(encodeUtf8(U"\U0001F600\u20ac\u00e9"), "\xf0\x9f\x98\x80\xe2\x82\xac\xc3\xa9");
     EXPECT_TRUE(isValidUtf8("plain ascii, then \u00e9 and \U0001F600 after eight-byte runs"));
     for (const char* bad : {"\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "abcdefgh\xe2\x82", "\x80"})
         EXPECT_FALSE(isValidUtf8(bad)) << bad;
