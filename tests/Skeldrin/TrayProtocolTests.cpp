@@ -157,19 +157,15 @@ class TrayProtocolTests : public QObject {
         QCOMPARE(toolTip.value(2).toString() + toolTip.value(3).toString(),
                  QStringLiteral("Skeldrin — Needs approval"));
 
-        // The largest icon offered, in network byte order ARGB; the badge is the default yellow.
-        int width = 0;
-        QByteArray pixels;
-        for (const QVariant& pixmap : itemProperty("IconPixmap").toList()) {
-            const int w = pixmap.toList().value(0).toInt(), h = pixmap.toList().value(1).toInt();
-            const QByteArray bytes = pixmap.toList().value(2).toByteArray();
-            if (w > width && bytes.size() == w * h * 4) std::tie(width, pixels) = std::tie(w, bytes);
+        // Every icon offered is in network byte order ARGB and wears the badge in the default yellow.
+        const QVariantList pixmaps = itemProperty("IconPixmap").toList();
+        QVERIFY(!pixmaps.isEmpty());
+        for (const QVariant& pixmap : pixmaps) {
+            const QVariantList sizeAndBytes = pixmap.toList();
+            const QByteArray argb = sizeAndBytes.value(2).toByteArray();
+            QCOMPARE(argb.size(), sizeAndBytes.value(0).toInt() * sizeAndBytes.value(1).toInt() * 4);
+            QVERIFY(argb.contains(QByteArray::fromHex("ffffd60a")));
         }
-        QVERIFY(width >= 22);
-        const qreal scale = width / 18.0;
-        const int x = int((width - 17 * scale) / 2 + 13.64 * scale), y = int(9.8 * scale);
-        const auto* argb = reinterpret_cast<const uchar*>(pixels.constData()) + (y * width + x) * 4;
-        QCOMPARE(QColor(argb[1], argb[2], argb[3], argb[0]), QColor(0xFF, 0xD6, 0x0A));
     }
 
     void menuIsExportedAndShowWidgetFlips()
