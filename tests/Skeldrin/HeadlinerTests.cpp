@@ -1,45 +1,18 @@
 // Drives the Headliner against fake `claude` and login-shell scripts run as real child processes.
 #include "Skeldrin/model/Headliner.h"
-#include "Skeldrin/platform/Platform.h"
+#include "tests/support/TestProcesses.h"
 
 #include <QtTest>
 
 #include <cerrno>
 #include <csignal>
-#include <memory>
 
 using namespace skeldrin;
 using namespace std::chrono_literals;
 using Failure = Headliner::Failure;
-
-Q_DECLARE_METATYPE(std::optional<QString>)
-Q_DECLARE_METATYPE(Headliner::Outcome)
-
-namespace skeldrin {
-// Readable QCOMPARE failures.
-char* toString(const Headliner::Outcome& outcome)
-{
-    if (const auto* headline = std::get_if<QString>(&outcome)) return QTest::toString("headline " + *headline);
-    const auto& failure = std::get<Headliner::Failure>(outcome);
-    return QTest::toString(QStringLiteral("failure %1: %2").arg(int(failure.kind)).arg(failure.text));
-}
-} // namespace skeldrin
+using skeldrin::test::writeScript;
 
 namespace {
-
-constexpr int kWaitMs = 20000;
-
-void writeScript(const QString& path, const QByteArray& body, bool executable = true)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    file.write("#!/bin/sh\n" + body + "\n");
-    file.close();
-    QFile::Permissions permissions = QFile::ReadOwner | QFile::WriteOwner;
-    if (executable) permissions |= QFile::ExeOwner;
-    QVERIFY(file.setPermissions(permissions));
-}
 
 QByteArray readFile(const QString& path)
 {
@@ -53,52 +26,56 @@ bool processIsGone(const QString& pidFile)
     return pid > 0 && ::kill(pid, 0) == -1 && errno == ESRCH;
 }
 
+QString show(const Headliner::Outcome& outcome)
+{
+    if (const auto* headline = std::get_if<QString>(&outcome)) return "headline: " + *headline;
+    const auto& failure = std::get<Failure>(outcome);
+    return QStringList{"not found", "failed", "launch failed"}.value(int(failure.kind)) + ": " + failure.text;
+}
+
+// Starts an asynchronous call and waits for its answer, which must not come before the event loop runs.
+template <typename T, typename Start> T await(Start start, T none)
+{
+    std::optional<T> result;
+    QObject context;
+    start(&context, [&](T answer) { result = std::move(answer); });
+    if (result) return none; // answered before the event loop ran
+    return QTest::qWaitFor([&] { return result.has_value(); }, 20000) ? *result : none;
+}
+
+Headliner::RunResult runToEnd(const QString& executable, std::chrono::milliseconds timeout = 60s)
+{
+    return await([&](QObject* c, auto done) { Headliner::run(executable, {}, c, done, timeout); },
+                 Headliner::RunResult{"<no result>", -999, std::nullopt});
+}
+
+QString writeToEnd()
+{
+    const Headliner::Request request{"skeldrin", "Fix login", std::nullopt, "make the login work again"};
+    return show(await([&](QObject* c, auto done) { Headliner::write(request, {}, c, done); },
+                      Headliner::Outcome(QStringLiteral("<no outcome>"))));
+}
+
+std::optional<QString> locate(const QStringList& running, const QStringList& installed, const QString& shell)
+{
+    return await([&](QObject* c, auto done) { Headliner::locateClaude(running, installed, shell, c, done); },
+                 std::optional<QString>("<no answer>"));
+}
+
 } // namespace
 
 class HeadlinerTests : public QObject {
     Q_OBJECT
 
     QTemporaryDir dir_;
-    QString home_;
     QString claude_;
 
-    Headliner::RunResult runToEnd(const QString& executable, std::chrono::milliseconds timeout = 60s)
-    {
-        std::optional<Headliner::RunResult> result;
-        QObject context;
-        Headliner::run(executable, {}, &context, [&](Headliner::RunResult r) { result = std::move(r); }, timeout);
-        [&] { QVERIFY(!result); QVERIFY(QTest::qWaitFor([&] { return result.has_value(); }, kWaitMs)); }();
-        return result.value_or(Headliner::RunResult{"<no result>", -999, std::nullopt});
-    }
-
-    Headliner::Outcome writeToEnd(std::chrono::milliseconds timeout = 60s)
-    {
-        std::optional<Headliner::Outcome> outcome;
-        QObject context;
-        const Headliner::Request request{"skeldrin", "Fix login", std::nullopt, "make the login work again"};
-        Headliner::write(request, {}, &context, [&](Headliner::Outcome o) { outcome = std::move(o); }, timeout);
-        [&] { QVERIFY(!outcome); QVERIFY(QTest::qWaitFor([&] { return outcome.has_value(); }, kWaitMs)); }();
-        return outcome.value_or(Failure{Failure::Kind::launchFailed, "<no outcome>"});
-    }
-
-    std::optional<QString> locateToEnd(const QStringList& running, const QStringList& installed, const QString& shell)
-    {
-        std::optional<std::optional<QString>> found;
-        QObject context;
-        Headliner::locateClaude(running, installed, shell, &context, [&](std::optional<QString> f) { found = f; });
-        [&] { QVERIFY(!found); QVERIFY(QTest::qWaitFor([&] { return found.has_value(); }, kWaitMs)); }();
-        return found.value_or(QString("<no answer>"));
-    }
-
-private Q_SLOTS:
+  private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY(dir_.isValid());
-        home_ = dir_.filePath("home");
-        QVERIFY(QDir().mkpath(home_));
-        qputenv("HOME", home_.toUtf8());
+        qputenv("HOME", dir_.filePath("home").toUtf8());
         qputenv("SHELL", dir_.filePath("no-such-shell").toUtf8());
-        claude_ = home_ + "/.local/bin/claude";
+        claude_ = dir_.filePath("home/.local/bin/claude");
         QCOMPARE(Headliner::installedPaths().first(), claude_);
     }
 
@@ -107,176 +84,167 @@ private Q_SLOTS:
     void messageHasOnlyThePresentLines()
     {
         QCOMPARE(Headliner::message({"skeldrin", "Fix login", "Login flow", "go on"}),
-                 "Project folder: skeldrin\nCurrent title: Fix login\nPrevious headline: Login flow\nLatest prompt: go on");
+                 "Project folder: skeldrin\nCurrent title: Fix login\nPrevious headline: Login flow\n"
+                 "Latest prompt: go on");
         QCOMPARE(Headliner::message({"p", std::nullopt, "Old", "new work\nsecond line"}),
                  "Project folder: p\nPrevious headline: Old\nLatest prompt: new work\nsecond line");
     }
 
     void tidy_data()
     {
-        QTest::addColumn<std::optional<QString>>("reply");
-        QTest::addColumn<std::optional<QString>>("headline");
-        const std::optional<QString> none;
-        const QString sixty = "Refactor the session store so that writes are atomic now too";
-        QTest::newRow("absent") << none << none;
-        QTest::newRow("only wrappers") << std::optional<QString>(" \"**`#\u201C\u2019 \n ") << none;
-        QTest::newRow("markdown bold, full stop") << std::optional<QString>("**Fix login bug.**") << std::optional<QString>("Fix login bug");
-        QTest::newRow("first line only") << std::optional<QString>("\n\n  Refactor parser  \r\nBecause it was slow.") << std::optional<QString>("Refactor parser");
-        QTest::newRow("quotes then stops") << std::optional<QString>("\u201CTidy the hooks...\u201D") << std::optional<QString>("Tidy the hooks");
-        QTest::newRow("inner quotes stay") << std::optional<QString>("# Fix \"--tools\" flag") << std::optional<QString>("Fix \"--tools\" flag");
-        QTest::newRow("long, cut at last space") << std::optional<QString>(sixty) << std::optional<QString>("Refactor the session store so that writes are");
-        QTest::newRow("long, no space") << std::optional<QString>(QString(60, 'x')) << std::optional<QString>(QString(48, 'x'));
-        QTest::newRow("exactly 48") << std::optional<QString>(QString(47, 'y') + "z") << std::optional<QString>(QString(47, 'y') + "z");
+        QTest::addColumn<QString>("reply");    // null: no reply
+        QTest::addColumn<QString>("headline"); // null: no headline
+        const QString accented = QString("e\u0301").repeated(48),
+                      rockets = QString("\U0001F680").repeated(47);
+        // clang-format off
+        QTest::newRow("absent") << QString() << QString();
+        QTest::newRow("only wrappers") << " \"**`#\u201C\u2019 \n " << QString();
+        QTest::newRow("markdown bold, full stop") << "**Fix login bug.**" << "Fix login bug";
+        QTest::newRow("first line only") << "\n\n  Refactor parser  \r\nBecause it was slow." << "Refactor parser";
+        QTest::newRow("quotes then stops") << "\u201CTidy the hooks...\u201D" << "Tidy the hooks";
+        QTest::newRow("inner quotes stay") << "# Fix \"--tools\" flag" << "Fix \"--tools\" flag";
+        QTest::newRow("long, cut at last space") << "Refactor the session store so that writes are atomic now too"
+                                                 << "Refactor the session store so that writes are";
+        QTest::newRow("long, no space") << QString(60, 'x') << QString(48, 'x');
+        QTest::newRow("exactly 48") << QString(47, 'y') + "z" << QString(47, 'y') + "z";
         // Characters as people see them: an accent with its base and an emoji are one each.
-        const QString accented = QString("e\u0301").repeated(48);
-        QTest::newRow("48 accented") << std::optional<QString>(accented) << std::optional<QString>(accented);
-        QTest::newRow("emoji count once") << std::optional<QString>(QString("\U0001F680").repeated(47) + " go")
-                                          << std::optional<QString>(QString("\U0001F680").repeated(47));
+        QTest::newRow("48 accented") << accented << accented;
+        QTest::newRow("emoji count once") << rockets + " go" << rockets;
+        // clang-format on
     }
 
     void tidy()
     {
-        QFETCH(std::optional<QString>, reply);
-        QFETCH(std::optional<QString>, headline);
-        QCOMPARE(Headliner::tidy(reply), headline);
+        QFETCH(QString, reply);
+        QFETCH(QString, headline);
+        const auto optional = [](const QString& s) { return s.isNull() ? std::nullopt : std::optional(s); };
+        QCOMPARE(Headliner::tidy(optional(reply)), optional(headline));
     }
 
     void writeRunsClaudeWithTheFixedArgumentsInTheTemporaryDirectory()
     {
-        const QString seen = dir_.filePath("seen");
-        writeScript(claude_, "printf '%s\\0' \"$@\" > " + seen.toUtf8() + ".args\n"
-                             "pwd -P > " + seen.toUtf8() + ".cwd\n"
-                             "printf '%s' \"$PATH\" > " + seen.toUtf8() + ".path\n"
-                             "[ -c /dev/stdin ] && [ -c /dev/stderr ] && echo null > " + seen.toUtf8() + ".stdio\n"
-                             "cat; echo 'noise on stderr' >&2\n"
-                             "printf '{\"type\":\"result\",\"is_error\":false,\"result\":\"**Fix the login flow.**\\\\nMore\"}'");
-        QCOMPARE(writeToEnd(), Headliner::Outcome(QString("Fix the login flow")));
+        const QByteArray seen = dir_.filePath("seen").toUtf8();
+        writeScript(
+            claude_,
+            QByteArray(R"(printf '%s|' "$@" > SEEN.args; pwd -P > SEEN.cwd; printf %s "$PATH" > SEEN.path
+[ -c /dev/stdin ] && [ -c /dev/stderr ] && echo null > SEEN.stdio
+cat; echo 'noise on stderr' >&2
+printf '{"type":"result","is_error":false,"result":"**Fix the login flow.**\\nMore"}')")
+                .replace("SEEN", seen));
+        QCOMPARE(writeToEnd(), "headline: Fix the login flow");
 
-        QList<QByteArray> arguments = readFile(seen + ".args").split('\0');
-        QCOMPARE(arguments.takeLast(), QByteArray());
-        const QList<QByteArray> expected{
-            "-p", "Project folder: skeldrin\nCurrent title: Fix login\nLatest prompt: make the login work again",
-            "--safe-mode", "--model", "haiku", "--max-turns", "1", "--tools", "", "--no-session-persistence",
-            "--output-format", "json", "--system-prompt",
-            "You name coding sessions for a tiny status widget. Reply with only a headline of 2 to 5 words in sentence "
-            "case that says what the work is about now, judged mostly by the latest prompt. If the latest prompt just "
-            "continues the same work (like \"ok do it\", \"yes\" or \"continue\"), reply with the previous headline "
-            "exactly, word for word. No quotes, no trailing period."};
-        QCOMPARE(arguments, expected);
+        const QByteArray arguments = readFile(seen + ".args");
+        QVERIFY2(
+            arguments.startsWith("-p|Project folder: skeldrin\nCurrent title: Fix login\nLatest prompt: make "
+                                 "the login work again|--safe-mode|--model|haiku|--max-turns|1|--tools||"
+                                 "--no-session-persistence|--output-format|json|--system-prompt|You name "
+                                 "coding sessions for a tiny status widget."),
+            arguments.constData());
+        QCOMPARE(arguments.count('|'), 14);
         QCOMPARE(readFile(seen + ".cwd").trimmed(), QFileInfo(QDir::tempPath()).canonicalFilePath().toUtf8());
-        QCOMPARE(readFile(seen + ".path"), QFileInfo(claude_).absolutePath().toUtf8() + ":" + qgetenv("PATH"));
+        QCOMPARE(readFile(seen + ".path"),
+                 QFileInfo(claude_).absolutePath().toUtf8() + ":" + qgetenv("PATH"));
         QCOMPARE(readFile(seen + ".stdio"), QByteArray("null\n"));
     }
 
     void writeReportsEveryFailure_data()
     {
         QTest::addColumn<QByteArray>("script");
-        QTest::addColumn<Headliner::Outcome>("outcome");
-        const auto failed = [](const char* text) { return Headliner::Outcome(Failure{Failure::Kind::claudeFailed, text}); };
+        QTest::addColumn<QString>("outcome");
+        // clang-format off
         QTest::newRow("is_error") << QByteArray(R"(echo '{"is_error":true,"result":"Credit balance is too low"}')")
-                                  << failed("Credit balance is too low");
-        QTest::newRow("is_error, no result") << QByteArray(R"(echo '{"is_error":true}')") << failed("no reply");
-        QTest::newRow("tidies to nothing") << QByteArray(R"(echo '{"is_error":false,"result":" ** "}')") << failed(" ** ");
-        QTest::newRow("garbage, exit 0") << QByteArray("echo 'Welcome to Claude'") << failed("unexpected output");
-        QTest::newRow("garbage, exit 2") << QByteArray("echo 'usage: claude'; exit 2") << failed("exit status 2");
-        QTest::newRow("no is_error") << QByteArray(R"(echo '{"result":"Fine headline"}')") << failed("unexpected output");
-        QTest::newRow("result not text") << QByteArray(R"(echo '{"is_error":false,"result":7}'; exit 1)") << failed("exit status 1");
+                                  << "failed: Credit balance is too low";
+        QTest::newRow("is_error, no result") << QByteArray(R"(echo '{"is_error":true}')") << "failed: no reply";
+        QTest::newRow("tidies to nothing") << QByteArray(R"(echo '{"is_error":false,"result":" ** "}')") << "failed:  ** ";
+        QTest::newRow("garbage, exit 0") << QByteArray("echo 'Welcome to Claude'") << "failed: unexpected output";
+        QTest::newRow("garbage, exit 2") << QByteArray("echo 'usage: claude'; exit 2") << "failed: exit status 2";
+        QTest::newRow("no is_error") << QByteArray(R"(echo '{"result":"Fine headline"}')") << "failed: unexpected output";
+        QTest::newRow("result not text") << QByteArray(R"(echo '{"is_error":false,"result":7}'; exit 1)") << "failed: exit status 1";
         // A reply that decodes counts whatever the status.
-        QTest::newRow("reply, exit 3") << QByteArray(R"(echo '{"is_error":false,"result":"Ship it"}'; exit 3)")
-                                       << Headliner::Outcome(QString("Ship it"));
+        QTest::newRow("reply, exit 3") << QByteArray(R"(echo '{"is_error":false,"result":"Ship it"}'; exit 3)") << "headline: Ship it";
+        // clang-format on
     }
 
     void writeReportsEveryFailure()
     {
         QFETCH(QByteArray, script);
-        QFETCH(Headliner::Outcome, outcome);
+        QFETCH(QString, outcome);
         writeScript(claude_, script);
         QCOMPARE(writeToEnd(), outcome);
     }
 
-    void failureDescriptions()
+    void runStopsChildrenThatHangAndReadsAllOutput_data()
     {
-        QCOMPARE((Failure{Failure::Kind::claudeFailed, "exit status 2"}.description()),
-                 "Claude Code couldn't write a headline: exit status 2");
-        QCOMPARE((Failure{Failure::Kind::claudeNotFound, {}}.description()),
-                 "Couldn't find Claude Code on " + platform::thisMachine() + ".");
+        QTest::addColumn<QByteArray>("script"); // PID names the file for the child's pid
+        QTest::addColumn<int>("timeoutMs");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QByteArray>("output");
+        const QByteArray large(2097152, 'x');
+        // clang-format off
+        QTest::newRow("terminated") << QByteArray(R"(echo $$ > PID; printf '{"is_error":'; exec sleep 30)")
+                                    << 300 << 128 + SIGTERM << QByteArray(R"({"is_error":)");
+        QTest::newRow("ignores TERM, killed") << QByteArray("trap '' TERM; echo $$ > PID; printf partial; while :; do sleep 1; done")
+                                              << 300 << 128 + SIGKILL << QByteArray("partial");
+        QTest::newRow("large output") << QByteArray(R"(echo $$ > PID; head -c 2097152 /dev/zero | tr '\0' x; printf '{"is_error":false}')")
+                                      << 60000 << 0 << large + R"({"is_error":false})";
+        // clang-format on
     }
 
-    void hangingClaudeIsStoppedAndReportedThroughItsStatus()
+    void runStopsChildrenThatHangAndReadsAllOutput()
     {
-        const QString pidFile = dir_.filePath("hang.pid");
-        writeScript(claude_, "echo $$ > " + pidFile.toUtf8() + "; printf '{\"is_error\":'; exec sleep 30");
-        QCOMPARE(writeToEnd(300ms), Headliner::Outcome(Failure{Failure::Kind::claudeFailed, "exit status 143"}));
+        QFETCH(QByteArray, script);
+        QFETCH(int, timeoutMs);
+        const QString script_ = dir_.filePath("child"), pidFile = dir_.filePath("child.pid");
+        writeScript(script_, script.replace("PID", pidFile.toUtf8()));
+        const Headliner::RunResult result = runToEnd(script_, std::chrono::milliseconds(timeoutMs));
+        QTEST(result.exitStatus, "status");
+        QTEST(result.output, "output");
         QVERIFY(processIsGone(pidFile));
-    }
-
-    void childIgnoringTerminateIsKilled()
-    {
-        const QString script = dir_.filePath("stubborn");
-        const QString pidFile = dir_.filePath("stubborn.pid");
-        writeScript(script, "trap '' TERM; echo $$ > " + pidFile.toUtf8() + "; printf partial; while :; do sleep 1; done");
-        const Headliner::RunResult result = runToEnd(script, 300ms);
-        QCOMPARE(result.exitStatus, 128 + SIGKILL);
-        QCOMPARE(result.output, QByteArray("partial"));
-        QVERIFY(processIsGone(pidFile));
-    }
-
-    void largeOutputIsReadToTheEnd()
-    {
-        const QString script = dir_.filePath("chatty");
-        writeScript(script, "head -c 2097152 /dev/zero | tr '\\0' x; printf '{\"is_error\":false}'");
-        const Headliner::RunResult result = runToEnd(script);
-        QCOMPARE(result.exitStatus, 0);
-        QCOMPARE(result.output.size(), 2097152 + 18);
-        QCOMPARE(result.output.count('x'), 2097152);
-        QVERIFY(result.output.endsWith("{\"is_error\":false}"));
     }
 
     void launchFailuresAreReportedAsTheyAre()
     {
         const Headliner::RunResult missing = runToEnd(dir_.filePath("missing"));
         QVERIFY(missing.launchError && !missing.launchError->isEmpty());
-
-        writeScript(claude_, ""); // an executable whose interpreter does not exist
-        QFile file(claude_);
+        writeScript(claude_, "");
+        QFile file(claude_); // an executable whose interpreter does not exist
         QVERIFY(file.open(QIODevice::WriteOnly));
         file.write("#!/no/such/interpreter\n");
         file.close();
-        const Headliner::Outcome outcome = writeToEnd();
-        const auto* failure = std::get_if<Failure>(&outcome);
-        QVERIFY(failure && failure->kind == Failure::Kind::launchFailed && !failure->text.isEmpty());
-        QCOMPARE(failure->description(), failure->text);
+        const QString outcome = writeToEnd();
+        QVERIFY2(outcome.startsWith("launch failed: ") && outcome.size() > 15, qPrintable(outcome));
     }
 
     void locateClaude()
     {
-        const QString plain = dir_.filePath("locate/plain/claude");
-        const QString installed = dir_.filePath("locate/installed/claude");
-        const QString fromShell = dir_.filePath("locate/shell/claude");
-        const QString running = dir_.filePath("locate/running/claude");
-        const QString other = dir_.filePath("locate/running/node");
+        const auto path = [&](const char* name) { return dir_.filePath(QStringLiteral("locate/") + name); };
+        const QString plain = path("plain/claude"), installed = path("installed/claude"),
+                      fromShell = path("shell/claude"), running = path("running/claude"),
+                      other = path("running/node");
         writeScript(plain, "", false);
-        for (const QString& path : {installed, fromShell, running, other}) writeScript(path, "");
-        QVERIFY(QDir().mkpath(dir_.filePath("locate/dir/claude")));
-        const QString missing = dir_.filePath("locate/missing/claude");
+        for (const QString& p : {installed, fromShell, running, other})
+            writeScript(p, "");
+        QVERIFY(QDir().mkpath(path("dir/claude")));
 
         // The shell must be asked as a login shell; anything else is a failed lookup.
-        const auto shell = [&](const QString& name, const QByteArray& body) {
-            const QString path = dir_.filePath("locate/shell-" + name);
-            writeScript(path, "[ $# -eq 3 ] && [ \"$1\" = -l ] && [ \"$2\" = -c ] && [ \"$3\" = 'command -v claude' ] || exit 9\n" + body);
-            return path;
+        const auto shell = [&](const char* name, const QByteArray& body) {
+            writeScript(path(name), "[ $# -eq 3 ] && [ \"$1\" = -l ] && [ \"$2\" = -c ] && "
+                                    "[ \"$3\" = 'command -v claude' ] || exit 9\n" +
+                                        body);
+            return path(name);
         };
-        const QString answering = shell("answering", "echo 'Welcome back'\necho\necho " + fromShell.toUtf8() + "\necho");
+        const QString answering =
+            shell("answering", "echo 'Welcome back'\necho\necho " + fromShell.toUtf8() + "\necho");
         const QString failing = shell("failing", "echo " + fromShell.toUtf8() + "; exit 1");
-        const QString pointingAtPlain = shell("plain", "echo " + plain.toUtf8());
-        const QStringList skipped{missing, plain, dir_.filePath("locate/dir/claude")};
+        const QString pointingAtPlain = shell("pointing", "echo " + plain.toUtf8());
+        const QStringList skipped{path("missing/claude"), plain, path("dir/claude")};
 
-        QCOMPARE(locateToEnd({running}, skipped + QStringList{installed, fromShell}, answering), std::optional<QString>(installed));
-        QCOMPARE(locateToEnd({running}, skipped, answering), std::optional<QString>(fromShell));
-        QCOMPARE(locateToEnd({other, plain, running}, skipped, failing), std::optional<QString>(running));
-        QCOMPARE(locateToEnd({other, running}, skipped, pointingAtPlain), std::optional<QString>(running));
-        QCOMPARE(locateToEnd({other, plain}, skipped, missing), std::optional<QString>());
-        QCOMPARE(locateToEnd({}, {}, dir_.filePath("locate/dir/claude")), std::optional<QString>());
+        QCOMPARE(locate({running}, skipped + QStringList{installed, fromShell}, answering), installed);
+        QCOMPARE(locate({running}, skipped, answering), fromShell);
+        QCOMPARE(locate({other, plain, running}, skipped, failing), running);
+        QCOMPARE(locate({other, running}, skipped, pointingAtPlain), running);
+        QCOMPARE(locate({other, plain}, skipped, path("missing/claude")), std::nullopt);
+        QCOMPARE(locate({}, {}, path("dir/claude")), std::nullopt);
     }
 
     void claudeNotFoundWhenNothingAnswers()
@@ -286,7 +254,7 @@ private Q_SLOTS:
         writeScript(dir_.filePath("quiet-shell"), "exit 1");
         qputenv("SHELL", dir_.filePath("quiet-shell").toUtf8());
         QCOMPARE(Headliner::userShell(), dir_.filePath("quiet-shell"));
-        QCOMPARE(writeToEnd(), Headliner::Outcome(Failure{Failure::Kind::claudeNotFound, {}}));
+        QCOMPARE(writeToEnd(), "not found: ");
         qunsetenv("SHELL");
         QCOMPARE(Headliner::userShell(), "/bin/zsh");
         qputenv("SHELL", dir_.filePath("no-such-shell").toUtf8());
@@ -294,18 +262,18 @@ private Q_SLOTS:
 
     void destroyingTheContextKillsTheChildAndDropsTheAnswer()
     {
-        const QString script = dir_.filePath("forever");
-        const QString pidFile = dir_.filePath("forever.pid");
+        const QString script = dir_.filePath("forever"), pidFile = dir_.filePath("forever.pid");
         writeScript(script, "echo $$ > " + pidFile.toUtf8() + "; exec sleep 30");
         bool called = false;
         auto context = std::make_unique<QObject>();
         Headliner::run(script, {}, context.get(), [&](Headliner::RunResult) { called = true; });
-        QVERIFY(QTest::qWaitFor([&] { return QFileInfo::exists(pidFile) && readFile(pidFile).endsWith('\n'); }, kWaitMs));
+        QVERIFY(QTest::qWaitFor([&] { return readFile(pidFile).endsWith('\n'); }, 20000));
         context.reset();
-        QVERIFY(QTest::qWaitFor([&] { return processIsGone(pidFile); }, kWaitMs));
+        QVERIFY(QTest::qWaitFor([&] { return processIsGone(pidFile); }, 20000));
 
         auto other = std::make_unique<QObject>();
-        Headliner::locateClaude({}, {script}, {}, other.get(), [&](std::optional<QString>) { called = true; });
+        Headliner::locateClaude({}, {script}, {}, other.get(),
+                                [&](std::optional<QString>) { called = true; });
         other.reset();
         QCoreApplication::processEvents();
         QVERIFY(!called);

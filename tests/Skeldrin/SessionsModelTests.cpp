@@ -1,6 +1,8 @@
 #include "Skeldrin/model/SessionsModel.h"
+#include "Skeldrin/platform/Platform.h"
 #include "TrackerCore/Files.h"
 #include "TrackerCore/ProcessInspector.h"
+#include "tests/Skeldrin/AppFixture.h"
 
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -16,17 +18,23 @@ using namespace std::chrono;
 
 namespace {
 
-Date realNow() { return time_point_cast<microseconds>(system_clock::now()); }
+Date realNow()
+{
+    return time_point_cast<microseconds>(system_clock::now());
+}
 
 class TestClock : public Clock {
-public:
+  public:
     Date now() const override { return realNow() + offset; }
     microseconds offset{0};
 };
 
 class TestProcesses : public ProcessTable {
-public:
-    bool isAlive(const ProcessRef& p) const override { return alive.count(p.pid) && alive.at(p.pid) == p.startTime; }
+  public:
+    bool isAlive(const ProcessRef& p) const override
+    {
+        return alive.count(p.pid) && alive.at(p.pid) == p.startTime;
+    }
     std::optional<std::string> executablePath(std::int32_t pid) const override
     {
         if (!alive.count(pid)) return std::nullopt;
@@ -35,21 +43,14 @@ public:
     std::map<std::int32_t, double> alive;
 };
 
-class TestJumper : public ImmediateJumper {
-public:
+class FailingJumper : public test::RecordingJumper {
+  public:
     void jump(const Session& s) override
     {
-        jumped.push_back(s.id);
+        RecordingJumper::jump(s);
         if (failWith) throw std::runtime_error(*failWith);
     }
-    std::vector<std::string> jumped;
     std::optional<std::string> failWith;
-};
-
-class TestAlerts : public Alerts {
-public:
-    void showError(const QString& title, const QString& text) override { shown << title + " | " + text; }
-    QStringList shown;
 };
 
 struct PendingHeadline {
@@ -57,89 +58,97 @@ struct PendingHeadline {
     std::function<void(Headliner::Outcome)> done;
 };
 
+// A transcript line: a background Bash command started at `at`.
+std::string backgroundRun(const std::string& id, Date at, const std::string& command)
+{
+    return R"({"type":"assistant","timestamp":")" + formatIso8601(at) +
+           R"(","message":{"content":[{"type":"tool_use","id":")" + id +
+           R"(","name":"Bash","input":{"command":")" + command +
+           R"(","run_in_background":true}}]}})"
+           "\n";
+}
+
+// Everything one test works on, fresh for each test.
+struct World {
+    QTemporaryDir temp;
+    fs::path root = temp.path().toStdString();
+    fs::path sessionsDir = root / "sessions", claudeSettings = root / "claude/settings.json";
+    SessionStore store{sessionsDir};
+    TestClock clock;
+    TestProcesses processes;
+    FailingJumper jumper;
+    test::RecordingAlerts alerts;
+    AppSettings settings{temp.filePath("settings.ini")};
+    std::vector<PendingHeadline> headlines;
+    std::optional<QString> locatedClaude = QStringLiteral("/usr/bin/claude");
+    Date base = realNow(); // one instant per test, so that equal ages mean equal start times
+};
+
 } // namespace
 
 class SessionsModelTests : public QObject {
     Q_OBJECT
 
-    std::unique_ptr<QTemporaryDir> temp;
-    fs::path sessionsDir, claudeSettings;
-    std::unique_ptr<SessionStore> store;
-    TestClock clock;
-    TestProcesses processes;
-    TestJumper jumper;
-    TestAlerts alerts;
-    std::unique_ptr<AppSettings> settings;
-    std::vector<PendingHeadline> headlineRequests;
-    std::optional<QString> locatedClaude;
+    std::unique_ptr<World> w;
 
     std::unique_ptr<SessionsModel> makeModel(bool headlines = false)
     {
         SessionsModel::Dependencies deps;
-        deps.clock = &clock;
-        deps.processes = &processes;
-        deps.jumper = &jumper;
-        deps.alerts = &alerts;
-        deps.settings = settings.get();
-        deps.hookExecutable = fs::path(temp->path().toStdString()) / "app/skeldrin-hook";
-        deps.claudeSettings = claudeSettings;
+        deps.clock = &w->clock;
+        deps.processes = &w->processes;
+        deps.jumper = &w->jumper;
+        deps.alerts = &w->alerts;
+        deps.settings = &w->settings;
+        deps.hookExecutable = w->root / "app/skeldrin-hook";
+        deps.claudeSettings = w->claudeSettings;
         deps.cycleMilliseconds = 3600 * 1000; // tests drive the cycle themselves
         if (headlines) {
             deps.headlineWriter = [this](const Headliner::Request& r, const QStringList&, QObject*,
-                                         std::function<void(Headliner::Outcome)> done) {
-                headlineRequests.push_back({r, std::move(done)});
+                                         auto done) {
+                w->headlines.push_back({r, std::move(done)});
             };
-            deps.claudeLocator = [this](const QStringList&, QObject*, std::function<void(std::optional<QString>)> d) {
-                d(locatedClaude);
+            deps.claudeLocator = [this](const QStringList&, QObject*, auto found) {
+                found(w->locatedClaude);
             };
         }
-        return std::make_unique<SessionsModel>(*store, std::move(deps));
+        auto model = std::make_unique<SessionsModel>(w->store, std::move(deps));
+        model->reload();
+        return model;
     }
 
-    Date base; // one instant per test, so that equal ages mean equal start times
-
-    Session put(const std::string& id, int startedSecondsAgo, std::function<void(Session&)> edit = {})
+    void put(const std::string& id, int startedSecondsAgo, const std::function<void(Session&)>& edit = {})
     {
-        Session s(id, "claude", "/work/" + id, {}, std::nullopt, base - seconds(startedSecondsAgo));
+        Session s(id, "claude", "/work/" + id, {}, std::nullopt, w->base - seconds(startedSecondsAgo));
         if (edit) edit(s);
-        store->update(id, [&](const auto&) { return std::optional(s); });
-        return *store->loadAll().sessions.begin();
+        w->store.update(id, [&](const auto&) { return std::optional(s); });
+    }
+    void change(const std::string& id, const std::function<void(Session&)>& edit)
+    {
+        w->store.update(id, [&](std::optional<Session> s) {
+            edit(*s);
+            return s;
+        });
     }
     std::optional<Session> read(const std::string& id)
     {
-        const auto bytes = files::readWholeFile(sessionsDir / (id + ".json"));
-        if (!bytes) return std::nullopt;
-        return decodeSession(*bytes);
+        const auto bytes = files::readWholeFile(w->sessionsDir / (id + ".json"));
+        return bytes ? std::optional(decodeSession(*bytes)) : std::nullopt;
     }
     fs::path writeTranscript(const std::string& name, const std::string& content)
     {
-        const auto path = fs::path(temp->path().toStdString()) / name;
-        std::ofstream(path) << content;
-        return path;
+        std::ofstream(w->root / name) << content;
+        return w->root / name;
     }
     static std::string ids(const std::vector<ListedSession>& rows)
     {
         std::string out;
-        for (const auto& r : rows) out += (out.empty() ? "" : " ") + r.id();
+        for (const auto& r : rows)
+            out += (out.empty() ? "" : " ") + r.id();
         return out;
     }
 
-private Q_SLOTS:
-    void init()
-    {
-        temp = std::make_unique<QTemporaryDir>();
-        sessionsDir = fs::path(temp->path().toStdString()) / "sessions";
-        claudeSettings = fs::path(temp->path().toStdString()) / "claude/settings.json";
-        store = std::make_unique<SessionStore>(sessionsDir);
-        clock.offset = microseconds{0};
-        processes.alive.clear();
-        jumper = TestJumper{};
-        alerts.shown.clear();
-        settings = std::make_unique<AppSettings>(temp->filePath("settings.ini"));
-        base = realNow();
-        headlineRequests.clear();
-        locatedClaude = QStringLiteral("/usr/bin/claude");
-    }
+  private Q_SLOTS:
+    void init() { w = std::make_unique<World>(); }
 
     void reloadSortsAndPublishesOnlyChanges()
     {
@@ -148,31 +157,29 @@ private Q_SLOTS:
         put("c", 20);
         auto model = makeModel();
         QSignalSpy changed(model.get(), &SessionsModel::storedChanged);
-        model->reload();
-        QCOMPARE(changed.count(), 1);
         std::string order;
-        for (const auto& s : model->stored()) order += s.id;
+        for (const auto& s : model->stored())
+            order += s.id;
         QCOMPARE(order, std::string("cab")); // oldest first, equal starts by id
 
-        // Rewriting a file with the same content changes nothing.
-        const auto same = *read("a");
-        std::ofstream(sessionsDir / "a.json") << encodeSession(same);
+        const std::string same = encodeSession(*read("a"));
+        std::ofstream(w->sessionsDir / "a.json") << same; // the same content again
         model->reload();
-        QCOMPARE(changed.count(), 1);
+        QCOMPARE(changed.count(), 0);
 
-        std::ofstream(sessionsDir / "broken.json") << "{ not json";
+        std::ofstream(w->sessionsDir / "broken.json") << "{ not json";
         put("d", 1);
         model->reload();
-        QCOMPARE(changed.count(), 2);
+        QCOMPARE(changed.count(), 1);
         QCOMPARE(model->stored().size(), std::size_t(4));
 
         // Later, when every file has settled, reloads that find nothing new keep the list as it is.
-        clock.offset = minutes(5);
+        w->clock.offset = minutes(5);
         model->reload();
         model->reload();
         model->refreshCycle();
         QCOMPARE(model->stored().size(), std::size_t(4));
-        QCOMPARE(changed.count(), 2);
+        QCOMPARE(changed.count(), 1);
     }
 
     void watchReloadsAndSurvivesTheDirectoryGoing()
@@ -180,12 +187,10 @@ private Q_SLOTS:
         put("a", 5);
         auto model = makeModel();
         model->start();
-        QCOMPARE(model->stored().size(), std::size_t(1));
-
         put("b", 4); // seen through the directory watch, not the (hour-long) timer
         QTRY_COMPARE(model->stored().size(), std::size_t(2));
 
-        fs::remove_all(sessionsDir);
+        fs::remove_all(w->sessionsDir);
         model->refreshCycle();
         QCOMPARE(model->stored().size(), std::size_t(2)); // the last list stays
 
@@ -198,23 +203,20 @@ private Q_SLOTS:
 
     void transcriptsGiveTitlesRunsAndInterrupts()
     {
-        const std::string started = formatIso8601(realNow() - seconds(30));
-        const std::string older = formatIso8601(realNow() - hours(5));
         const auto transcript = writeTranscript(
-            "t.jsonl",
-            R"({"type":"custom-title","customTitle":"Ship it"})" "\n"
-            R"({"type":"assistant","timestamp":")" + older +
-                R"(","message":{"content":[{"type":"tool_use","id":"old","name":"Bash","input":{"command":"sleep 1","run_in_background":true}}]}})" "\n"
-            R"({"type":"assistant","timestamp":")" + started +
-                R"(","message":{"content":[{"type":"tool_use","id":"t1","name":"Bash","input":{"command":"npm run dev","run_in_background":true}}]}})" "\n"
-            R"({"type":"user","message":{"content":[{"type":"tool_result","tool_use_id":"t1","content":"Command running in background with ID: b1. timeout 600000ms"}]}})" "\n");
+            "t.jsonl", R"({"type":"custom-title","customTitle":"Ship it"})"
+                       "\n" +
+                           backgroundRun("old", realNow() - hours(5), "sleep 1") +
+                           backgroundRun("t1", realNow() - seconds(30), "npm run dev") +
+                           R"({"type":"user","message":{"content":[{"type":"tool_result","tool_use_id":"t1",)"
+                           R"("content":"Command running in background with ID: b1. timeout 600000ms"}]}})"
+                           "\n");
         put("s", 60, [&](Session& s) {
             s.transcriptPath = transcript.string();
             s.process = ProcessRef{77, secondsSince1970(realNow() - hours(1))};
         });
-        processes.alive[77] = read("s")->process->startTime;
+        w->processes.alive[77] = read("s")->process->startTime;
         auto model = makeModel();
-        model->reload();
         model->readTranscripts();
         QCOMPARE(model->transcriptTitles().at("s"), std::string("Ship it"));
         const auto& tasks = model->backgroundTasks().at("s");
@@ -234,7 +236,7 @@ private Q_SLOTS:
         QVERIFY(model->list()[0].runsFolded);
 
         // The run expires 10 minutes after it started, on a tick, with no file change.
-        clock.offset = minutes(11);
+        w->clock.offset = minutes(11);
         model->refreshCycle();
         QVERIFY(model->backgroundTasks().at("s").empty());
         QVERIFY(model->list()[0].shade == Shade::of(Status::ready));
@@ -243,21 +245,18 @@ private Q_SLOTS:
     void interruptsNewerThanTheLastChangeEndTheTurn()
     {
         const std::string stamp = formatIso8601(realNow() + seconds(5));
-        const auto transcript = writeTranscript(
-            "i.jsonl", R"({"type":"user","timestamp":")" + stamp +
-                           R"(","message":{"content":"[Request interrupted by user for tool use]"}})" "\n");
-        put("run", 60, [&](Session& s) {
-            s.transcriptPath = transcript.string();
-            s.phase = Phase::running;
-        });
-        put("old", 60, [&](Session& s) {
-            s.transcriptPath = transcript.string();
-            s.phase = Phase::running;
-            s.changedAt = realNow() + seconds(10); // changed after the interrupt
-        });
-        auto model = makeModel();
-        model->reload();
-        model->readTranscripts();
+        const auto transcript =
+            writeTranscript("i.jsonl", R"({"type":"user","timestamp":")" + stamp +
+                                           R"(","message":{"content":)"
+                                           R"("[Request interrupted by user for tool use]"}})");
+        for (const char* id : {"run", "old"})
+            put(id, 60, [&](Session& s) {
+                s.transcriptPath = transcript.string();
+                s.phase = Phase::running;
+            });
+        change("old",
+               [](Session& s) { s.changedAt = realNow() + seconds(10); }); // changed after the interrupt
+        makeModel()->readTranscripts();
         QCOMPARE(read("run")->status(), Status::ready);
         QCOMPARE(read("run")->changedAt, *parseIso8601(stamp));
         QCOMPARE(read("old")->status(), Status::running);
@@ -265,16 +264,17 @@ private Q_SLOTS:
 
     void unchangedTranscriptsAreNotReadAgain()
     {
-        const auto transcript = writeTranscript("u.jsonl", R"({"type":"ai-title","aiTitle":"First"})" "\n");
+        const auto transcript = writeTranscript("u.jsonl", R"({"type":"ai-title","aiTitle":"First"})"
+                                                           "\n");
         const auto old = fs::last_write_time(transcript) - hours(1);
         fs::last_write_time(transcript, old);
         put("s", 60, [&](Session& s) { s.transcriptPath = transcript.string(); });
         auto model = makeModel();
-        model->reload();
         model->readTranscripts();
         QCOMPARE(model->transcriptTitles().at("s"), std::string("First"));
 
-        std::ofstream(transcript) << R"({"type":"ai-title","aiTitle":"Second"})" "\n";
+        writeTranscript("u.jsonl", R"({"type":"ai-title","aiTitle":"Second"})"
+                                   "\n");
         fs::last_write_time(transcript, old); // same time: taken as unchanged
         model->readTranscripts();
         QCOMPARE(model->transcriptTitles().at("s"), std::string("First"));
@@ -297,10 +297,8 @@ private Q_SLOTS:
         });
         put("alive", 10, [](Session& s) { s.process = ProcessRef{12, 2.0}; });
         put("noprocess", 5);
-        processes.alive[12] = 2.0;
-        processes.alive[10] = 1.5; // the pid now belongs to another process
+        w->processes.alive = {{12, 2.0}, {10, 1.5}}; // pid 10 now belongs to another process
         auto model = makeModel();
-        model->reload();
         model->refreshCycle();
         QVERIFY(!read("cli"));
         const auto ended = read("vscode");
@@ -317,22 +315,23 @@ private Q_SLOTS:
         put("waiting", 20, [](Session& s) { s.pendingApprovals = 1; });
         put("ended", 10, [](Session& s) { s.endedAt = realNow(); });
         auto model = makeModel();
-        model->reload();
-        const auto rows = model->list();
-        for (const auto& row : rows) model->jump(row);
+        for (const auto& row : model->list())
+            model->jump(row);
         QVERIFY(read("ready")->seenAt);
         QVERIFY(!read("waiting")->seenAt);
         QVERIFY(!read("ended"));
-        QCOMPARE(jumper.jumped.size(), std::size_t(3));
+        QCOMPARE(w->jumper.jumped.size(), std::size_t(3));
         QVERIFY(model->list()[0].seen());
         QCOMPARE(model->mostUrgent(), std::optional(Status::waiting));
 
-        jumper.failWith = "The app that started this session (com.x) isn't installed.";
+        w->jumper.failWith = "The app that started this session (com.x) isn't installed.";
         put("other", 5, [](Session& s) { s.title = "Other work"; });
         model->reload();
         model->jump(model->list().back());
-        QCOMPARE(alerts.shown,
-                 QStringList{"Couldn't open Other work | The app that started this session (com.x) isn't installed."});
+        QCOMPARE(
+            w->alerts.shown,
+            QStringList{
+                "Couldn't open Other work | The app that started this session (com.x) isn't installed."});
         QVERIFY(!read("other")->seenAt);
     }
 
@@ -341,7 +340,6 @@ private Q_SLOTS:
         put("live", 20);
         put("ended", 10, [](Session& s) { s.endedAt = realNow(); });
         auto model = makeModel();
-        model->reload();
         model->dismiss(*read("live"));
         model->dismiss(*read("ended"));
         QVERIFY(read("live")->dismissedAt);
@@ -349,11 +347,10 @@ private Q_SLOTS:
         QVERIFY(model->list().empty());
         QCOMPARE(model->mostUrgent(), std::optional<Status>());
 
-        fs::create_directories(sessionsDir / "odd.json"); // cannot be read as a file
-        Session odd("odd", "claude", "/w/odd", {}, std::nullopt, realNow());
-        model->dismiss(odd);
-        QCOMPARE(alerts.shown.size(), 1);
-        QVERIFY(alerts.shown[0].startsWith("Couldn't remove odd | "));
+        fs::create_directories(w->sessionsDir / "odd.json"); // cannot be read as a file
+        model->dismiss(Session("odd", "claude", "/w/odd", {}, std::nullopt, realNow()));
+        QCOMPARE(w->alerts.shown.size(), 1);
+        QVERIFY(w->alerts.shown[0].startsWith("Couldn't remove odd | "));
     }
 
     void mostUrgentSumsUpMainRows()
@@ -365,16 +362,13 @@ private Q_SLOTS:
             s.pendingApprovals = 2;
         });
         auto model = makeModel();
-        model->reload();
         QCOMPARE(model->mostUrgent(), std::optional(Status::waiting)); // children never count
 
-        store->remove("wait");
-        store->remove("kid");
-        store->update("run", [](const std::optional<Session>& s) {
-            Session n = *s;
-            n.phase = Phase::idle;
-            n.seenAt = realNow();
-            return std::optional(n);
+        w->store.remove("wait");
+        w->store.remove("kid");
+        change("run", [](Session& s) {
+            s.phase = Phase::idle;
+            s.seenAt = realNow();
         });
         model->reload();
         QCOMPARE(model->mostUrgent(), std::optional(Status::ready));
@@ -382,8 +376,9 @@ private Q_SLOTS:
 
     void connectingAndDisconnectingClaudeCode()
     {
-        fs::create_directories(claudeSettings.parent_path());
-        std::ofstream(claudeSettings) << R"({"model":"opus","hooks":{"Stop":[{"hooks":[{"type":"command","command":"say done"}]}]}})";
+        fs::create_directories(w->claudeSettings.parent_path());
+        std::ofstream(w->claudeSettings)
+            << R"({"model":"opus","hooks":{"Stop":[{"hooks":[{"type":"command","command":"say done"}]}]}})";
         auto model = makeModel();
         QSignalSpy changed(model.get(), &SessionsModel::hookStateChanged);
         model->refreshHookState();
@@ -391,19 +386,19 @@ private Q_SLOTS:
         model->connectClaudeCode();
         QCOMPARE(model->hookState(), HookInstaller::State::installed);
         QCOMPARE(changed.count(), 1);
-        const std::string written = files::readWholeFile(claudeSettings).value();
+        const std::string written = files::readWholeFile(w->claudeSettings).value();
         QVERIFY(written.find("app/skeldrin-hook'") != std::string::npos);
         QVERIFY(written.find("say done") != std::string::npos);
         model->disconnectClaudeCode();
         QCOMPARE(model->hookState(), HookInstaller::State::notInstalled);
-        QVERIFY(files::readWholeFile(claudeSettings).value().find("skeldrin-hook") == std::string::npos);
-        QVERIFY(alerts.shown.isEmpty());
+        QVERIFY(files::readWholeFile(w->claudeSettings).value().find("skeldrin-hook") == std::string::npos);
+        QVERIFY(w->alerts.shown.isEmpty());
 
-        std::ofstream(claudeSettings) << "[1, 2]";
+        std::ofstream(w->claudeSettings) << "[1, 2]";
         model->connectClaudeCode();
-        QCOMPARE(alerts.shown.size(), 1);
-        QVERIFY(alerts.shown[0].startsWith("Couldn't update Claude Code settings | "));
-        QCOMPARE(files::readWholeFile(claudeSettings).value(), std::string("[1, 2]"));
+        QCOMPARE(w->alerts.shown.size(), 1);
+        QVERIFY(w->alerts.shown[0].startsWith("Couldn't update Claude Code settings | "));
+        QCOMPARE(files::readWholeFile(w->claudeSettings).value(), std::string("[1, 2]"));
         QCOMPARE(model->hookState(), HookInstaller::State::notInstalled);
     }
 
@@ -412,48 +407,46 @@ private Q_SLOTS:
         for (const char* id : {"h1", "h2", "h3"})
             put(id, 30, [](Session& s) { s.lastPrompt = "make the parser faster please"; });
         auto model = makeModel(true);
+        auto& requests = w->headlines;
         model->setHeadlinesEnabled(true);
-        QVERIFY(settings->boolValue("headlines.enabled", false));
-        model->reload();
-        QCOMPARE(headlineRequests.size(), std::size_t(2));
-        QCOMPARE(headlineRequests[0].request.project, QStringLiteral("h1"));
-        QCOMPARE(headlineRequests[0].request.prompt, QStringLiteral("make the parser faster please"));
+        QVERIFY(w->settings.boolValue("headlines.enabled", false));
+        QCOMPARE(requests.size(), std::size_t(2));
+        QCOMPARE(requests[0].request.project, QStringLiteral("h1"));
+        QCOMPARE(requests[0].request.prompt, QStringLiteral("make the parser faster please"));
 
-        headlineRequests[0].done(QStringLiteral("Faster parser"));
+        requests[0].done(QStringLiteral("Faster parser"));
         QCOMPARE(read("h1")->headline, std::optional<std::string>("Faster parser"));
         QCOMPARE(read("h1")->headlinePrompt, read("h1")->lastPrompt);
-        headlineRequests[1].done(Headliner::Failure{Headliner::Failure::Kind::claudeFailed, "exit status 2"});
-        QCOMPARE(*model->headlineError(), QStringLiteral("Claude Code couldn't write a headline: exit status 2"));
+        requests[1].done(Headliner::Failure{Headliner::Failure::Kind::claudeFailed, "exit status 2"});
+        QCOMPARE(*model->headlineError(),
+                 QStringLiteral("Claude Code couldn't write a headline: exit status 2"));
         model->reload(); // h1's new headline: the third request starts, the failed one is not retried
-        QCOMPARE(headlineRequests.size(), std::size_t(3));
-        QCOMPARE(headlineRequests[2].request.project, QStringLiteral("h3"));
+        QCOMPARE(requests.size(), std::size_t(3));
+        QCOMPARE(requests[2].request.project, QStringLiteral("h3"));
         QCOMPARE(model->displayName(*read("h1")), std::string("Faster parser"));
 
         // A short follow-up keeps the headline; a longer prompt replaces it.
-        store->update("h1", [](const std::optional<Session>& s) {
-            Session n = *s;
-            n.lastPrompt = "yes";
-            return std::optional(n);
-        });
+        change("h1", [](Session& s) { s.lastPrompt = "yes"; });
         model->reload();
-        QCOMPARE(headlineRequests.size(), std::size_t(3));
-        store->update("h1", [](const std::optional<Session>& s) {
-            Session n = *s;
-            n.lastPrompt = "now add the json output";
-            return std::optional(n);
-        });
+        QCOMPARE(requests.size(), std::size_t(3));
+        change("h1", [](Session& s) { s.lastPrompt = "now add the json output"; });
         model->reload();
-        QCOMPARE(headlineRequests.size(), std::size_t(4));
-        QCOMPARE(*headlineRequests[3].request.previous, QStringLiteral("Faster parser"));
+        QCOMPARE(requests.size(), std::size_t(4));
+        QCOMPARE(*requests[3].request.previous, QStringLiteral("Faster parser"));
 
         // Switching off and on forgets the failure.
         model->setHeadlinesEnabled(false);
         QVERIFY(!model->headlineError());
         QCOMPARE(model->displayName(*read("h1")), std::string("h1"));
-        headlineRequests[2].done(QStringLiteral("Third"));
-        headlineRequests[3].done(QStringLiteral("Json output"));
+        requests[2].done(QStringLiteral("Third"));
+        requests[3].done(QStringLiteral("Json output"));
         model->setHeadlinesEnabled(true);
-        QCOMPARE(headlineRequests.back().request.project, QStringLiteral("h2"));
+        QCOMPARE(requests.back().request.project, QStringLiteral("h2"));
+
+        w->locatedClaude.reset();
+        model->setHeadlinesEnabled(false);
+        model->setHeadlinesEnabled(true);
+        QCOMPARE(*model->headlineError(), "Couldn't find Claude Code on " + platform::thisMachine() + ".");
     }
 
     void systemProcessTableFollowsARealProcess()
@@ -467,20 +460,12 @@ private Q_SLOTS:
         const auto ref = ProcessInspector::ref(child);
         QVERIFY(ref);
         QVERIFY(table->isAlive(*ref));
-        QVERIFY(table->isAlive(*ref)); // now answered by its pidfd
+        QVERIFY(table->isAlive(*ref));                                      // now answered by its pidfd
         QVERIFY(!table->isAlive(ProcessRef{ref->pid, ref->startTime + 1})); // same pid, another process
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
         QVERIFY(!table->isAlive(*ref));
         QVERIFY(!table->isAlive(*ref));
-    }
-
-    void missingClaudeIsReportedWhenHeadlinesAreOn()
-    {
-        locatedClaude.reset();
-        auto model = makeModel(true);
-        model->setHeadlinesEnabled(true);
-        QCOMPARE(model->headlineError()->toStdString().rfind("Couldn't find Claude Code on ", 0), 0u);
     }
 };
 
