@@ -291,7 +291,9 @@ class JumpLinuxTests : public QObject {
         QVERIFY(argumentsSeenBy(QStringLiteral("kitty")).isEmpty());
 
         QFile::remove(path(QStringLiteral("bin/kitty")));
-        const Outcome missing = jump(QStringLiteral("no-remote"), environment());
+        QProcessEnvironment bare = environment();
+        bare.insert(QStringLiteral("PATH"), path(QStringLiteral("bin"))); // no kitty even if the machine has one
+        const Outcome missing = jump(QStringLiteral("no-remote"), bare);
         QCOMPARE(missing.exitCode, 1);
         QVERIFY2(missing.err.contains(QStringLiteral("Couldn't run kitty")), qPrintable(missing.err));
 
