@@ -65,6 +65,14 @@ struct AppFixture {
         store.update(id, [&](const auto&) { return std::optional(s); });
         model->reload();
     }
+    void put(const std::string& id, Phase phase, const std::string& parent = {}, int approvals = 0)
+    {
+        put(id, [&](Session& s) {
+            s.phase = phase;
+            if (!parent.empty()) s.parentId = parent;
+            s.pendingApprovals = approvals;
+        });
+    }
 };
 
 } // namespace skeldrin::test
