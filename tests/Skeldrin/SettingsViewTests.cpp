@@ -63,6 +63,7 @@ class SettingsViewTests : public QObject {
         writeText(app.claudeSettings, "{ not json");
         SettingsView view(*app.model, app.settings);
         Switch& connected = child(view, "claudeCode");
+        QVERIFY(!connected.isChecked());
         connected.click();
         QVERIFY(!connected.isChecked()); // unreadable: snapped back, and said so
         QCOMPARE(app.alerts.shown.size(), 1);
