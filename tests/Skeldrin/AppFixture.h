@@ -56,6 +56,9 @@ struct AppFixture {
         model = std::make_unique<SessionsModel>(store, std::move(deps));
     }
 
+    bool setting(const char* key) const { return settings.value(QLatin1String(key)).toBool(); }
+    void set(const char* key, const QVariant& value) { settings.setValue(QLatin1String(key), value); }
+
     // Stores a session and reloads the model.
     void put(const std::string& id, const std::function<void(Session&)>& edit = {})
     {

@@ -95,8 +95,8 @@ class SettingsViewTests : public QObject {
             Switch& toggle = child(view, name);
             QCOMPARE(toggle.isChecked(), byDefault);
             toggle.click();
-            QCOMPARE(app.settings.value(QLatin1String(key)).toBool(), !byDefault);
-            app.settings.setValue(QLatin1String(key), byDefault);
+            QCOMPARE(app.setting(key), !byDefault);
+            app.set(key, byDefault);
             QCOMPARE(toggle.isChecked(), byDefault);
         }
         child(view, "headlines").click();

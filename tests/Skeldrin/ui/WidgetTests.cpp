@@ -44,8 +44,6 @@ struct Widget : AppFixture {
         QMouseEvent event(type, local, local, global, Qt::LeftButton, buttons, Qt::NoModifier);
         QApplication::sendEvent(panel->widget(), &event);
     }
-    bool setting(const char* key) { return settings.value(QLatin1String(key)).toBool(); }
-    void set(const char* key, const QVariant& value) { settings.setValue(QLatin1String(key), value); }
 };
 
 } // namespace
