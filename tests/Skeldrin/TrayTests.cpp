@@ -46,12 +46,8 @@ QStringList menu(const std::vector<TrayMenuItem>& items)
 struct Tray : AppFixture {
     int settingsOpened = 0, quits = 0;
     WidgetPanel widget{*model, updates, settings, {}};
-    StatusBarController tray{*model,
-                             updates,
-                             widget,
-                             settings,
-                             MenuBarIcon::artwork(),
-                             {[this] { ++settingsOpened; }, [this] { ++quits; }}};
+    StatusBarController::Callbacks counting{[this] { ++settingsOpened; }, [this] { ++quits; }};
+    StatusBarController tray{*model, updates, widget, settings, MenuBarIcon::artwork(), counting};
 
     std::vector<TrayMenuItem> items() { return trayMenuItems(*model, updates, settings); }
     TrayMenuItem item(const QString& title)
