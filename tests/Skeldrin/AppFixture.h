@@ -57,6 +57,9 @@ struct AppFixture {
         model = std::make_unique<SessionsModel>(store, std::move(deps));
     }
 
+    bool setting(const char* key) const { return settings.value(QLatin1String(key)).toBool(); }
+    void set(const char* key, const QVariant& value) { settings.setValue(QLatin1String(key), value); }
+
     // Stores a session and reloads the model.
     void put(const std::string& id, const std::function<void(Session&)>& edit = {})
     {
@@ -65,6 +68,14 @@ struct AppFixture {
         if (edit) edit(s);
         store.update(id, [&](const auto&) { return std::optional(s); });
         model->reload();
+    }
+    void put(const std::string& id, Phase phase, const std::string& parent = {}, int approvals = 0)
+    {
+        put(id, [&](Session& s) {
+            s.phase = phase;
+            if (!parent.empty()) s.parentId = parent;
+            s.pendingApprovals = approvals;
+        });
     }
 };
 

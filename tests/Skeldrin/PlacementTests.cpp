@@ -47,27 +47,6 @@ class PlacementTests : public QObject {
         QCOMPARE(p.frame(QSizeF(target.width, target.height), kVisible), target);
     }
 
-    void growthKeepsTheAnchoredEdge_data()
-    {
-        QTest::addColumn<Placement>("placement");
-        QTest::addColumn<YUpRect>("grown");
-        QTest::newRow("right edge, centred")
-            << Placement{Anchor::Max, Anchor::Center, {1432, 450}} << YUpRect{1132, 350, 300, 200};
-        QTest::newRow("bottom-left") << Placement{Anchor::Min, Anchor::Min, {8, 8}}
-                                     << YUpRect{8, 8, 300, 200};
-        QTest::newRow("top, centred")
-            << Placement{Anchor::Center, Anchor::Max, {700, 892}} << YUpRect{550, 692, 300, 200};
-        // A point too close to the edge for the grown size is held inside the inner frame.
-        QTest::newRow("clamped") << Placement{Anchor::Center, Anchor::Center, {1420, 20}}
-                                 << YUpRect{1132, 8, 300, 200};
-    }
-    void growthKeepsTheAnchoredEdge()
-    {
-        QFETCH(Placement, placement);
-        QFETCH(YUpRect, grown);
-        QCOMPARE(placement.frame(QSizeF(300, 200), kVisible), grown);
-    }
-
     void magnetPullsSoftly_data()
     {
         QTest::addColumn<double>("fromLeft");
@@ -113,34 +92,40 @@ class PlacementTests : public QObject {
         QCOMPARE(Placement::hoverZone({1132, 350, 300, 200}, {1032, 304, 400, 40}, point), inside);
     }
 
-    void barSitsSixPointsAway_data()
+    void frameKeepsTheAnchoredEdgeAndTheBarSitsSixPointsAway_data()
     {
         QTest::addColumn<Placement>("placement");
-        QTest::addColumn<QSizeF>("widgetSize");
-        QTest::addColumn<YUpRect>("bar");
-        QTest::newRow("upper half: below, right-aligned")
+        QTest::addColumn<QSizeF>("size");
+        QTest::addColumn<YUpRect>("widget");
+        QTest::addColumn<YUpRect>("bar"); // 400 × 40
+        QTest::newRow("right edge, upper half: bar below, right-aligned")
             << Placement{Anchor::Max, Anchor::Center, {1432, 600}} << QSizeF(300, 200)
-            << YUpRect{1032, 454, 400, 40};
-        QTest::newRow("lower half: above, left-aligned")
-            << Placement{Anchor::Min, Anchor::Min, {8, 8}} << QSizeF(300, 200) << YUpRect{8, 214, 400, 40};
-        QTest::newRow("centred, clamped to the top") << Placement{Anchor::Center, Anchor::Max, {700, 892}}
-                                                     << QSizeF(300, 200) << YUpRect{500, 646, 400, 40};
-        QTest::newRow("lower half near the top of a short widget clamps inside")
+            << YUpRect{1132, 500, 300, 200} << YUpRect{1032, 454, 400, 40};
+        QTest::newRow("bottom-left: bar above, left-aligned")
+            << Placement{Anchor::Min, Anchor::Min, {8, 8}} << QSizeF(300, 200) << YUpRect{8, 8, 300, 200}
+            << YUpRect{8, 214, 400, 40};
+        QTest::newRow("top, centred: bar clamped below")
+            << Placement{Anchor::Center, Anchor::Max, {700, 892}} << QSizeF(300, 200)
+            << YUpRect{550, 692, 300, 200} << YUpRect{500, 646, 400, 40};
+        QTest::newRow("lower half near the top of a tall widget: bar above, clamped inside")
             << Placement{Anchor::Min, Anchor::Center, {8, 300}} << QSizeF(300, 400)
-            << YUpRect{8, 506, 400, 40};
+            << YUpRect{8, 100, 300, 400} << YUpRect{8, 506, 400, 40};
         // An odd height puts the exact frame on a half point; on whole pixels it must not drop below the
         // middle and flip the bar above.
-        QTest::newRow("exactly centred, odd height: below")
+        QTest::newRow("exactly centred, odd height: bar below")
             << Placement{Anchor::Max, Anchor::Center, {1432, 450}} << QSizeF(300, 301)
-            << YUpRect{1032, 254, 400, 40};
+            << YUpRect{1132, 300, 300, 301} << YUpRect{1032, 254, 400, 40};
+        // A point too close to the edge for the grown size is held inside the inner frame.
+        QTest::newRow("clamped") << Placement{Anchor::Center, Anchor::Center, {1420, 20}} << QSizeF(300, 200)
+                                 << YUpRect{1132, 8, 300, 200} << YUpRect{1032, 214, 400, 40};
     }
-    void barSitsSixPointsAway()
+    void frameKeepsTheAnchoredEdgeAndTheBarSitsSixPointsAway()
     {
         QFETCH(Placement, placement);
-        QFETCH(QSizeF, widgetSize);
+        QFETCH(QSizeF, size);
+        QFETCH(YUpRect, widget);
         QFETCH(YUpRect, bar);
-        const YUpRect widget = placement.frame(widgetSize, kVisible);
-        QCOMPARE(QPointF(widget.x, widget.y), QPointF(std::round(widget.x), std::round(widget.y)));
+        QCOMPARE(placement.frame(size, kVisible), widget);
         QCOMPARE(placement.barFrame(QSizeF(400, 40), widget, kVisible), bar);
     }
 

@@ -11,7 +11,6 @@
 #include <QMessageBox>
 #include <QPushButton>
 #include <QtTest>
-#include <sys/stat.h>
 
 using namespace skeldrin;
 using namespace skeldrin::test;
@@ -20,11 +19,11 @@ extern "C" void skeldrin_fail(const char* rule);
 
 namespace {
 
-Switch& switchNamed(SettingsView& view, const char* name)
+template <typename T = Switch> T& child(SettingsView& view, const char* name)
 {
-    auto* s = view.findChild<Switch*>(QLatin1String(name));
-    if (!s) qFatal("no switch %s", name);
-    return *s;
+    auto* found = view.findChild<T*>(QLatin1String(name));
+    if (!found) qFatal("no %s", name);
+    return *found;
 }
 
 } // namespace
@@ -66,19 +65,23 @@ class SettingsViewTests : public QObject {
     {
         AppFixture app;
         std::filesystem::create_directories(app.claudeSettings.parent_path());
-        writeText(app.claudeSettings, R"({"model": "opus"})");
-        app.model->refreshHookState();
+        writeText(app.claudeSettings, "{ not json");
         SettingsView view(*app.model, app.settings);
-        Switch& connected = switchNamed(view, "claudeCode");
+        Switch& connected = child(view, "claudeCode");
         QVERIFY(!connected.isChecked());
+        connected.click();
+        QVERIFY(!connected.isChecked()); // unreadable: snapped back, and said so
+        QCOMPARE(app.alerts.shown.size(), 1);
+        QVERIFY(
+            app.alerts.shown.front().startsWith(QStringLiteral("Couldn't update Claude Code settings | ")));
 
+        writeText(app.claudeSettings, R"({"model": "opus"})");
         connected.click();
         QVERIFY(connected.isChecked());
         QCOMPARE(app.model->hookState(), HookInstaller::State::installed);
         const std::string installed = readText(app.claudeSettings);
         QVERIFY(installed.find("skeldrin-hook") != std::string::npos);
         QVERIFY(installed.find("\"opus\"") != std::string::npos); // the user's own settings stay
-
         connected.click();
         QVERIFY(!connected.isChecked());
         QVERIFY(readText(app.claudeSettings).find("skeldrin-hook") == std::string::npos);
@@ -118,10 +121,10 @@ class SettingsViewTests : public QObject {
         });
         dismiss.start(10);
         skeldrin_fail(fail.isEmpty() ? nullptr : fail.constData());
-        switchNamed(view, "claudeCode").click();
+        child(view, "claudeCode").click();
         skeldrin_fail(nullptr);
 
-        QVERIFY(!switchNamed(view, "claudeCode").isChecked());
+        QVERIFY(!child(view, "claudeCode").isChecked());
         QCOMPARE(shown.size(), 1);
         QVERIFY2(shown.front().startsWith(QStringLiteral("Couldn't update Claude Code settings | ")),
                  qPrintable(shown.front()));
@@ -129,35 +132,35 @@ class SettingsViewTests : public QObject {
         QCOMPARE(QByteArray::fromStdString(readText(app.claudeSettings)), content);
     }
 
-    void compactAndHeadlinesFollowTheirSources()
+        void switchesWriteAndFollowTheirKeys()
     {
         AppFixture app;
         SettingsView view(*app.model, app.settings);
-        switchNamed(view, "compact").click();
-        QCOMPARE(app.settings.value(QStringLiteral("widget.compact")).toBool(), true);
-        app.settings.setValue(QStringLiteral("widget.compact"), false); // e.g. from the tray menu
-        QVERIFY(!switchNamed(view, "compact").isChecked());
-
-        switchNamed(view, "headlines").click();
+        // Each switch starts from its default, writes its key, and follows it when set elsewhere (the tray
+        // menu).
+        for (const auto& [name, key, byDefault] :
+             {std::tuple{"compact", "widget.compact", false},
+              {"notifications.waiting", "notifications.waiting", true},
+              {"notifications.finished", "notifications.finished", false}}) {
+            Switch& toggle = child(view, name);
+            QCOMPARE(toggle.isChecked(), byDefault);
+            toggle.click();
+            QCOMPARE(app.setting(key), !byDefault);
+            app.set(key, byDefault);
+            QCOMPARE(toggle.isChecked(), byDefault);
+        }
+        child(view, "headlines").click();
         QVERIFY(app.model->headlinesEnabled());
         app.model->setHeadlinesEnabled(false);
-        QVERIFY(!switchNamed(view, "headlines").isChecked());
-        QVERIFY(view.findChild<QLabel*>(QStringLiteral("headlineError"))->isHidden());
-
-        // Notifications: "needs you" starts on, "finishes" off; each switch writes its key and follows it.
-        QVERIFY(switchNamed(view, "notifications.waiting").isChecked());
-        QVERIFY(!switchNamed(view, "notifications.finished").isChecked());
-        switchNamed(view, "notifications.finished").click();
-        QCOMPARE(app.settings.value(QStringLiteral("notifications.finished")).toBool(), true);
-        app.settings.setValue(QStringLiteral("notifications.waiting"), false);
-        QVERIFY(!switchNamed(view, "notifications.waiting").isChecked());
+        QVERIFY(!child(view, "headlines").isChecked());
+        QVERIFY(child<QLabel>(view, "headlineError").isHidden());
     }
 
     void colourRowsAndReset()
     {
         AppFixture app;
         SettingsView view(*app.model, app.settings);
-        view.findChild<QPushButton*>(QStringLiteral("color.waiting"))->click();
+        child<QPushButton>(view, "color.waiting").click();
         QColorDialog* panel = view.colorPanel();
         QVERIFY(panel);
         QVERIFY(!panel->isModal());
@@ -166,68 +169,54 @@ class SettingsViewTests : public QObject {
         panel->setCurrentColor(QColor(0x12, 0x34, 0x56));
         QCOMPARE(app.settings.value(QStringLiteral("color.waiting")).toString(), QStringLiteral("#123456"));
 
-        view.findChild<QPushButton*>(QStringLiteral("color.ready"))->click();
+        child<QPushButton>(view, "color.ready").click();
         QCOMPARE(view.colorPanel(), panel); // one panel, reused
         panel->setCurrentColor(QColor(0x65, 0x43, 0x21));
         QCOMPARE(app.settings.value(QStringLiteral("color.ready")).toString(), QStringLiteral("#654321"));
         QVERIFY(!app.settings.contains(QStringLiteral("color.running")));
 
-        view.findChild<QPushButton*>(QStringLiteral("reset"))->click();
+        child<QPushButton>(view, "reset").click();
         for (Status s : allStatuses)
             QVERIFY(!app.settings.contains(Palette::key(s)));
     }
 
+    void openAtLoginWritesTheAutostartEntry_data()
+    {
+        QTest::addColumn<bool>("blocked"); // a file where the autostart folder goes
+        QTest::newRow("writable") << false;
+        QTest::newRow("a file in the way") << true;
+    }
     void openAtLoginWritesTheAutostartEntry()
     {
+        QFETCH(bool, blocked);
+        const QString autostart = config.filePath(QStringLiteral("autostart"));
+        const QString entry = autostart + QStringLiteral("/skeldrin.desktop");
+        QDir(autostart).removeRecursively();
+        if (blocked) writeText(autostart.toStdString(), "not a folder");
         AppFixture app;
-        const QString entry = config.filePath(QStringLiteral("autostart/skeldrin.desktop"));
         SettingsView view(*app.model, app.settings);
-        Switch& login = switchNamed(view, "openAtLogin");
+        Switch& login = child(view, "openAtLogin");
+        const QLabel& error = child<QLabel>(view, "loginError");
         QVERIFY(!login.isChecked());
-
+        QVERIFY(error.isHidden());
         login.click();
+        if (blocked) {
+            QFile::remove(autostart);
+            QVERIFY(!login.isChecked()); // snapped back to what is really there
+            QVERIFY(!error.isHidden());
+            QVERIFY(error.text().startsWith(QStringLiteral("Couldn't ")));
+            QVERIFY(error.text().contains(autostart));
+            return;
+        }
         QVERIFY(login.isChecked());
         QVERIFY(LoginItem::isEnabled());
         const QString text = QString::fromStdString(readText(entry.toStdString()));
         QVERIFY(text.startsWith(QStringLiteral("[Desktop Entry]\n")));
         QVERIFY(text.contains(QStringLiteral("Exec=\"") + QCoreApplication::applicationFilePath() +
                               QLatin1Char('"')));
-
         login.click();
         QVERIFY(!login.isChecked());
         QVERIFY(!QFile::exists(entry));
-    }
-
-    void unwritableAutostartFolderShowsTheError_data()
-    {
-        QTest::addColumn<bool>("readOnlyFolder");
-        QTest::newRow("read-only folder") << true;
-        QTest::newRow("a file where the folder goes") << false;
-    }
-    void unwritableAutostartFolderShowsTheError()
-    {
-        QFETCH(bool, readOnlyFolder);
-        if (readOnlyFolder && geteuid() == 0) QSKIP("root writes into read-only folders");
-        AppFixture app;
-        const QString folder = config.filePath(QStringLiteral("autostart"));
-        QDir(folder).removeRecursively();
-        QFile::remove(folder);
-        if (readOnlyFolder) {
-            QDir().mkpath(folder);
-            QVERIFY(::chmod(folder.toLocal8Bit().constData(), 0555) == 0);
-        } else {
-            writeText(folder.toStdString(), "not a folder");
-        }
-        SettingsView view(*app.model, app.settings);
-        Switch& login = switchNamed(view, "openAtLogin");
-        login.click();
-        if (readOnlyFolder) ::chmod(folder.toLocal8Bit().constData(), 0755);
-        QFile::remove(folder);
-        QVERIFY(!login.isChecked()); // snapped back to what is really there
-        auto* error = view.findChild<QLabel*>(QStringLiteral("loginError"));
-        QVERIFY(!error->isHidden());
-        QVERIFY(error->text().startsWith(QStringLiteral("Couldn't ")));
-        QVERIFY(error->text().contains(folder));
     }
 };
 

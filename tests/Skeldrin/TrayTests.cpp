@@ -12,34 +12,51 @@
 using namespace skeldrin;
 using namespace skeldrin::test;
 using Action = TrayMenuItem::Action;
-Q_DECLARE_METATYPE(skeldrin::Status)
 
 namespace {
 
-QString titles(const std::vector<TrayMenuItem>& items)
-{
-    QStringList out;
-    for (const auto& item : items)
-        out << (item.action == Action::separator ? QStringLiteral("---") : item.title);
-    return out.join(QLatin1Char('|'));
-}
-
-const TrayMenuItem& itemTitled(const std::vector<TrayMenuItem>& items, const QString& title)
-{
-    for (const auto& item : items)
-        if (item.title == title) return item;
-    qFatal("no menu item %s", qPrintable(title));
-}
-
 // Where the badge and the notch sit on the 17 × 18 point canvas, y down, drawn at 4 pixels a point.
-constexpr int pixelsPerPoint = 4;
-constexpr int side = 18 * pixelsPerPoint;
+constexpr int side = 18 * 4;
 QPoint at(double x, double y)
 {
-    return {int((side - 17 * pixelsPerPoint) / 2 + x * pixelsPerPoint), int(y * pixelsPerPoint)};
+    return {int((side - 17 * 4) / 2 + x * 4), int(y * 4)};
 }
 const QPoint badgeCentre = at(13.64, 9.8);
 const QPoint notchRing = at(13.64, 9.8 - 3.25); // inside the notch, outside the badge, on the artwork's edge
+
+// One line per item: its title, then what sets it apart from an enabled, plain top-level entry.
+QStringList menu(const std::vector<TrayMenuItem>& items)
+{
+    QStringList out;
+    for (const auto& i : items) {
+        QString line = i.action == Action::separator ? QStringLiteral("---") : i.title;
+        if (i.action == Action::jump) line += " >" + i.argument;
+        if (!i.enabled && i.action != Action::separator) line += " disabled";
+        if (i.checked) line += " checked";
+        if (i.hollow) line += " hollow";
+        if (i.indentation) line += QStringLiteral(" indent %1").arg(i.indentation);
+        if (i.dot) line += " " + i.dot->name();
+        if (!i.tooltip.isEmpty()) line += " \"" + i.tooltip + '"';
+        out << line;
+    }
+    return out;
+}
+
+// The tray and the widget over a temporary model, counting the settings and quit callbacks.
+struct Tray : AppFixture {
+    int settingsOpened = 0, quits = 0;
+    WidgetPanel widget{*model, updates, settings, {}};
+    StatusBarController::Callbacks counting{[this] { ++settingsOpened; }, [this] { ++quits; }};
+    StatusBarController tray{*model, updates, widget, settings, MenuBarIcon::artwork(), counting};
+
+    std::vector<TrayMenuItem> items() { return trayMenuItems(*model, updates, settings); }
+    TrayMenuItem item(const QString& title)
+    {
+        for (const auto& item : items())
+            if (item.title == title) return item;
+        qFatal("no menu item %s", qPrintable(title));
+    }
+};
 
 } // namespace
 
@@ -52,14 +69,11 @@ class TrayTests : public QObject {
         QTest::addColumn<bool>("downloading");
         QTest::addColumn<bool>("awaiting");
         QTest::addColumn<QString>("first");
-        const QString rest = QStringLiteral(
-            "No Claude Code sessions|---|Show Widget|Compact Widget|---|Settings…|Quit Skeldrin");
-        QTest::newRow("up to date") << false << false << false << rest;
-        QTest::newRow("update pending")
-            << true << false << false << QStringLiteral("Update to 1.4.2…|") + rest;
-        QTest::newRow("downloading") << true << true << false << QStringLiteral("Update to 1.4.2…|") + rest;
+        QTest::newRow("up to date") << false << false << false << QString();
+        QTest::newRow("update pending") << true << false << false << QStringLiteral("Update to 1.4.2…|");
+        QTest::newRow("downloading") << true << true << false << QStringLiteral("Update to 1.4.2…|");
         QTest::newRow("awaiting install")
-            << true << false << true << QStringLiteral("Drag Skeldrin to Applications…|") + rest;
+            << true << false << true << QStringLiteral("Drag Skeldrin to Applications…|");
     }
     void menuWithoutSessions()
     {
@@ -72,10 +86,10 @@ class TrayTests : public QObject {
         if (required)
             manifest = UpdateManifest{QStringLiteral("1.4.2"), QUrl(QStringLiteral("https://x/S.dmg")), {}};
         app.updates.set(manifest, downloading, awaiting);
-
         const auto items = trayMenuItems(*app.model, app.updates, app.settings);
-        QCOMPARE(titles(items), first);
-        QVERIFY(!itemTitled(items, QStringLiteral("No Claude Code sessions")).enabled);
+        QCOMPARE(menu(items).join(QLatin1Char('|')),
+                 first + "No Claude Code sessions disabled|---|Show Widget checked|Compact "
+                         "Widget|---|Settings…|Quit Skeldrin");
         if (required) QCOMPARE(items.front().action, Action::installUpdate);
     }
 
@@ -87,107 +101,52 @@ class TrayTests : public QObject {
             s.pendingApprovals = 1;
             s.lastPrompt = "Fix the parser";
         });
-        app.put("b-child", [](Session& s) {
-            s.parentId = "a-iterm";
-            s.phase = Phase::running;
-        });
+        app.put("b-child", Phase::running, "a-iterm");
         app.put("c-sdk", [](Session& s) { s.origin.entrypoint = "sdk-ts"; });
         app.put("d-seen", [](Session& s) { s.seenAt = s.startedAt; });
+        app.put("e-parent");
+        app.put("f-run", Phase::running, "e-parent");
         Palette::setColor(Status::waiting, QColor(1, 2, 3), app.settings);
 
-        const auto items = trayMenuItems(*app.model, app.updates, app.settings);
-        const auto& iterm = items[0];
-        QCOMPARE(iterm.title, QStringLiteral("a-iterm  ·  iTerm"));
-        QCOMPARE(iterm.action, Action::jump);
-        QCOMPARE(iterm.argument, QStringLiteral("a-iterm"));
-        QCOMPARE(iterm.dot, std::optional(QColor(1, 2, 3)));
-        QVERIFY(!iterm.hollow);
-        QCOMPARE(iterm.tooltip, QStringLiteral("Fix the parser"));
-
-        const auto& child = items[1];
-        QCOMPARE(child.title, QStringLiteral("b-child"));
-        QCOMPARE(child.indentation, 1);
-        QVERIFY(!child.enabled);
-        QCOMPARE(child.action, Action::none);
-        QCOMPARE(child.dot, std::optional(QColor(0x0A, 0x84, 0xFF)));
-        QVERIFY(child.tooltip.isEmpty());
-
-        const auto& seen = items[2];
-        QCOMPARE(seen.title, QStringLiteral("d-seen  ·  Terminal"));
-        QVERIFY(seen.hollow);
-        QVERIFY(seen.enabled);
-
-        const auto& detached = items[3];
-        QCOMPARE(detached.title, QStringLiteral("c-sdk  ·  Background"));
-        QVERIFY(!detached.enabled);
-        QVERIFY(detached.hollow);
-        QCOMPARE(items[4].action, Action::separator);
-    }
-
-    void parentWaitingOnRunsIsGrey()
-    {
-        AppFixture app;
-        app.put("p");
-        app.put("k", [](Session& s) {
-            s.parentId = "p";
-            s.phase = Phase::running;
-        });
-        QCOMPARE(trayMenuItems(*app.model, app.updates, app.settings).front().dot,
-                 std::optional(Palette::waitingOnRuns()));
+        QCOMPARE(
+            menu(trayMenuItems(*app.model, app.updates, app.settings)).mid(0, 7),
+            (QStringList{"a-iterm  ·  iTerm >a-iterm #010203 \"Fix the parser\"",
+                         "b-child disabled indent 1 #0a84ff", "d-seen  ·  Terminal >d-seen hollow #30d158",
+                         "e-parent  ·  Terminal >e-parent #8e8e93", // waiting on its runs
+                         "f-run disabled indent 1 #0a84ff", "c-sdk  ·  Background disabled hollow #30d158",
+                         "---"}));
     }
 
     void switchesReadAndFlipTheirKeys()
     {
-        AppFixture app;
+        Tray app;
         app.put("one");
-        WidgetPanel widget(*app.model, app.updates, app.settings, {});
-        widget.refreshVisibility();
-        QVERIFY(widget.isShown());
-        StatusBarController tray(*app.model, app.updates, widget, app.settings, MenuBarIcon::artwork(), {});
-        auto items = trayMenuItems(*app.model, app.updates, app.settings);
-        QVERIFY(itemTitled(items, QStringLiteral("Show Widget")).checked);     // default on
-        QVERIFY(!itemTitled(items, QStringLiteral("Compact Widget")).checked); // default off
-
-        tray.perform(itemTitled(items, QStringLiteral("Show Widget")));
-        tray.perform(itemTitled(items, QStringLiteral("Compact Widget")));
-        QCOMPARE(app.settings.value(QStringLiteral("widget.visible")).toBool(), false);
-        QCOMPARE(app.settings.value(QStringLiteral("widget.compact")).toBool(), true);
-        QVERIFY(!widget.isShown()); // hidden at once, not at the next cycle
-
-        items = trayMenuItems(*app.model, app.updates, app.settings);
-        QVERIFY(!itemTitled(items, QStringLiteral("Show Widget")).checked);
-        tray.perform(itemTitled(items, QStringLiteral("Show Widget")));
-        QCOMPARE(app.settings.value(QStringLiteral("widget.visible")).toBool(), true);
-        QVERIFY(widget.isShown());
+        app.widget.refreshVisibility();
+        QVERIFY(app.widget.isShown());
+        QVERIFY(app.item(QStringLiteral("Show Widget")).checked);     // default on
+        QVERIFY(!app.item(QStringLiteral("Compact Widget")).checked); // default off
+        app.tray.perform(app.item(QStringLiteral("Show Widget")));
+        app.tray.perform(app.item(QStringLiteral("Compact Widget")));
+        QVERIFY(!app.setting("widget.visible"));
+        QVERIFY(app.setting("widget.compact"));
+        QVERIFY(!app.widget.isShown()); // hidden at once, not at the next cycle
+        QVERIFY(!app.item(QStringLiteral("Show Widget")).checked);
+        app.tray.perform(app.item(QStringLiteral("Show Widget")));
+        QVERIFY(app.setting("widget.visible"));
+        QVERIFY(app.widget.isShown());
     }
 
-    void actionsReachTheirTargets()
+    void menuActionsAndKeysReachTheirTargets()
     {
-        AppFixture app;
-        app.put("one");
-        WidgetPanel widget(*app.model, app.updates, app.settings, {});
-        int settingsOpened = 0, quits = 0;
-        StatusBarController tray(*app.model, app.updates, widget, app.settings, MenuBarIcon::artwork(),
-                                 {[&] { ++settingsOpened; }, [&] { ++quits; }});
-        const auto items = trayMenuItems(*app.model, app.updates, app.settings);
-        tray.perform(items.front());
-        TrayMenuItem gone = items.front();
-        gone.argument = QStringLiteral("no-such-session");
-        tray.perform(gone);
-        QCOMPARE(app.jumper.jumped, std::vector<std::string>{"one"});
-        tray.perform(itemTitled(items, QStringLiteral("Settings…")));
-        tray.perform(itemTitled(items, QStringLiteral("Quit Skeldrin")));
-        QCOMPARE(settingsOpened, 1);
-        QCOMPARE(quits, 1);
-    }
-
-    void menuIsBuiltFromTheItems()
-    {
-        AppFixture app;
+        Tray app;
         app.put("one", [](Session& s) { s.lastPrompt = "Say hello"; });
-        WidgetPanel widget(*app.model, app.updates, app.settings, {});
-        StatusBarController tray(*app.model, app.updates, widget, app.settings, MenuBarIcon::artwork(), {});
-        QMenu* menu = tray.trayIcon().contextMenu();
+        TrayMenuItem gone = app.items().front();
+        app.tray.perform(gone);
+        gone.argument = QStringLiteral("no-such-session");
+        app.tray.perform(gone);
+        QCOMPARE(app.jumper.jumped, std::vector<std::string>{"one"});
+
+        QMenu* menu = app.tray.trayIcon().contextMenu();
         Q_EMIT menu->aboutToShow();
         const auto actions = menu->actions();
         QCOMPARE(actions.size(), 7);
@@ -200,36 +159,23 @@ class TrayTests : public QObject {
         // Without a tray the same entries go under the widget's card menu.
         QMenu card;
         card.addAction(QStringLiteral("Own entry"));
-        tray.appendMenu(card);
+        app.tray.appendMenu(card);
         QCOMPARE(card.actions().size(), 1 + 1 + 7);
-        int quits = 0, settingsOpened = 0;
-        StatusBarController quitting(*app.model, app.updates, widget, app.settings, MenuBarIcon::artwork(),
-                                     {[&] { ++settingsOpened; }, [&] { ++quits; }});
-        QMenu other;
-        quitting.appendMenu(other);
-        other.actions().last()->trigger();
-        QCOMPARE(quits, 1);
-        // The key equivalents work while either menu is open.
-        QMenu* own = quitting.trayIcon().contextMenu();
-        Q_EMIT own->aboutToShow();
-        QTest::keyClick(own, Qt::Key_Comma, Qt::ControlModifier);
-        QTest::keyClick(&other, Qt::Key_Q, Qt::ControlModifier);
-        QTest::keyClick(own, Qt::Key_Q); // the letter alone is not the equivalent
-        QCOMPARE(settingsOpened, 1);
-        QCOMPARE(quits, 2);
+        card.actions().last()->trigger();
+        QCOMPARE(app.quits, 1);
+        card.actions()[card.actions().size() - 2]->trigger();
+        QCOMPARE(app.settingsOpened, 1);
+        // The key equivalents work while either menu is open; the letter alone is not one.
+        QTest::keyClick(menu, Qt::Key_Comma, Qt::ControlModifier);
+        QTest::keyClick(&card, Qt::Key_Q, Qt::ControlModifier);
+        QTest::keyClick(menu, Qt::Key_Q);
+        QCOMPARE(app.settingsOpened, 2);
+        QCOMPARE(app.quits, 2);
     }
 
-    void iconCarriesNotchAndBadge_data()
-    {
-        QTest::addColumn<Status>("status");
-        for (Status s : allStatuses)
-            QTest::newRow(label(s).data()) << s;
-    }
     void iconCarriesNotchAndBadge()
     {
-        QFETCH(Status, status);
-        AppFixture app;
-        const QColor colour = Palette::color(status, app.settings);
+        const QColor colour(0x11, 0x22, 0x33);
         const QImage plain = MenuBarIcon::image(MenuBarIcon::artwork(), Qt::white, std::nullopt, side);
         const QImage badged = MenuBarIcon::image(MenuBarIcon::artwork(), Qt::white, colour, side);
         QCOMPARE(plain.size(), QSize(side, side));
@@ -239,31 +185,12 @@ class TrayTests : public QObject {
         QCOMPARE(QColor(badged.pixel(badgeCentre)), colour);
     }
 
-    void trayFollowsTheModelAndTheColours()
-    {
-        AppFixture app;
-        WidgetPanel widget(*app.model, app.updates, app.settings, {});
-        StatusBarController tray(*app.model, app.updates, widget, app.settings, MenuBarIcon::artwork(), {});
-        const auto badge = [&] {
-            return QColor(tray.trayIcon().icon().pixmap(side).toImage().pixel(badgeCentre));
-        };
-        QCOMPARE(tray.trayIcon().toolTip(), QStringLiteral("Skeldrin — nothing needs you"));
-
-        app.put("s", [](Session& s) { s.pendingApprovals = 2; });
-        QCOMPARE(tray.trayIcon().toolTip(), QStringLiteral("Skeldrin — Needs several approvals"));
-        QCOMPARE(badge(), QColor(0xFF, 0x45, 0x3A));
-
-        Palette::setColor(Status::multiStepWaiting, QColor(0x11, 0x22, 0x33), app.settings);
-        QCOMPARE(badge(), QColor(0x11, 0x22, 0x33));
-        Palette::reset(app.settings);
-        QCOMPARE(badge(), QColor(0xFF, 0x45, 0x3A));
-    }
-
     void toolTipNamesTheMostUrgentStatus_data()
     {
-        QTest::addColumn<int>("approvals");
+        QTest::addColumn<int>("approvals"); // no session when negative
         QTest::addColumn<bool>("running");
         QTest::addColumn<QString>("text");
+        QTest::newRow("no sessions") << -1 << false << QStringLiteral("Skeldrin — nothing needs you");
         QTest::newRow("running") << 0 << true << QStringLiteral("Skeldrin — Running");
         QTest::newRow("ready") << 0 << false << QStringLiteral("Skeldrin — Ready");
         QTest::newRow("waiting") << 1 << false << QStringLiteral("Skeldrin — Needs approval");
@@ -274,12 +201,23 @@ class TrayTests : public QObject {
         QFETCH(int, approvals);
         QFETCH(bool, running);
         QFETCH(QString, text);
-        AppFixture app;
-        app.put("s", [&](Session& s) {
-            s.pendingApprovals = approvals;
-            s.phase = running ? Phase::running : Phase::idle;
-        });
-        QCOMPARE(trayToolTip(*app.model), text);
+        Tray app;
+        if (approvals >= 0) app.put("s", running ? Phase::running : Phase::idle, {}, approvals);
+        QCOMPARE(app.tray.trayIcon().toolTip(), text);
+    }
+
+    void badgeFollowsTheModelAndTheColours()
+    {
+        Tray app;
+        const auto badge = [&] {
+            return QColor(app.tray.trayIcon().icon().pixmap(side).toImage().pixel(badgeCentre));
+        };
+        app.put("s", Phase::idle, {}, 2);
+        QCOMPARE(badge(), QColor(0xFF, 0x45, 0x3A));
+        Palette::setColor(Status::multiStepWaiting, QColor(0x11, 0x22, 0x33), app.settings);
+        QCOMPARE(badge(), QColor(0x11, 0x22, 0x33));
+        Palette::reset(app.settings);
+        QCOMPARE(badge(), QColor(0xFF, 0x45, 0x3A));
     }
 };
 

@@ -5,34 +5,11 @@
 # quits. Usage: tray-screenshots.sh BIN_DIR OUT_DIR
 set -euo pipefail
 bin=$1 out=$2
-for tool in Xvfb openbox trayer xdotool xprop import convert; do
-    command -v "$tool" >/dev/null || { echo "SKIP: $tool is missing (scripts/install-deps --test)"; exit 0; }
-done
-mkdir -p "$out"
-home=$(mktemp -d)
-pids=()
-cleanup() { for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done; wait 2>/dev/null || true; rm -rf "$home"; }
-trap cleanup EXIT
-fail() {
-    echo "FAIL: $*"
-    import -window root "$out/tray-failure.png" 2>/dev/null || true
-    cat "$home/app.log" 2>/dev/null || true
-    exit 1
-}
-# Waits up to twenty seconds for a command to succeed (the machine may be busy).
-until_ok() { for _ in $(seq 200); do "$@" >/dev/null 2>&1 && return 0; sleep 0.1; done; return 1; }
+. "$(dirname "$0")/../support/x11-session.sh"
+x11_session 900x520 "$out/tray-failure.png" trayer
+fail_log=$tmp/app.log
 # The widget and the settings window are both titled "Skeldrin".
 shown() { [ "$(xdotool search --onlyvisible --name '^Skeldrin$' 2>/dev/null | wc -l)" -ge "$1" ]; }
-# A region of the screen that is not one flat colour: something is drawn there.
-drawn() {
-    import -window root "$home/probe.png"
-    [ "$(convert "$home/probe.png" -crop "$1" +repage -format '%[fx:standard_deviation > 0.01]' info:)" = 1 ]
-}
-
-export HOME="$home" XDG_DATA_HOME="$home/data" XDG_CONFIG_HOME="$home/config" XDG_RUNTIME_DIR="$home/run"
-mkdir -m 700 "$XDG_RUNTIME_DIR"
-unset QT_QPA_PLATFORM WAYLAND_DISPLAY DBUS_SESSION_BUS_ADDRESS
-export SKELDRIN_UPDATE_URL=  # no update check
 
 event() { printf '%s' "$1" | TERM_PROGRAM="$2" CLAUDE_PROJECT_DIR="$3" "$bin/skeldrin-hook"; }
 event '{"hook_event_name":"UserPromptSubmit","session_id":"demo-parser","cwd":"/src/parser","prompt":"Stream the input instead of reading it whole"}' iTerm.app /src/parser
@@ -41,25 +18,17 @@ event '{"hook_event_name":"PermissionRequest","session_id":"demo-docs","cwd":"/s
 event '{"hook_event_name":"UserPromptSubmit","session_id":"demo-release","cwd":"/src/app","prompt":"Write the release notes"}' ghostty /src/app
 event '{"hook_event_name":"Stop","session_id":"demo-release","cwd":"/src/app"}' ghostty /src/app
 
-exec {fd}<> <(:)
-Xvfb -displayfd "$fd" -screen 0 900x520x24 -nolisten tcp >/dev/null 2>&1 &
-pids+=($!)
-read -r -t 20 -u "$fd" display || fail "Xvfb did not start"
-export DISPLAY=":$display"
-openbox >/dev/null 2>&1 &
-pids+=($!)
-until_ok sh -c 'xprop -root _NET_SUPPORTING_WM_CHECK | grep -q "window id"' || fail "openbox did not start"
 trayer --edge top --align right --widthtype request --height 30 --tint 0x2b2b2e --transparent true --alpha 0 \
     --SetDockType true >/dev/null 2>&1 &
 pids+=($!)
 until_ok xdotool search --onlyvisible --class trayer || fail "trayer did not start"
-"$bin/skeldrin" >"$home/app.log" 2>&1 &
+"$bin/skeldrin" >"$fail_log" 2>&1 &
 app=$!
 pids+=($app)
 until_ok shown 1 || fail "the widget did not show"
 widget=$(xdotool search --onlyvisible --name '^Skeldrin$')
 # The icon sits at the right end of the tray.
-until_ok drawn 30x30+870+0 || fail "no icon in the tray"
+until_ok painted root 30x30+870+0 || fail "no icon in the tray"
 sleep 0.5 # the ring is caught mid-pulse rather than at its start
 
 import -window root "$out/tray-and-widget.png"
@@ -67,11 +36,10 @@ convert "$out/tray-and-widget.png" -crop 120x30+780+0 +repage -filter point -res
 
 open_menu() {
     xdotool mousemove 885 15 click 3
-    until_ok drawn 200x60+560+40 || fail "the tray menu did not open"
+    until_ok painted root 200x60+560+40 || fail "the tray menu did not open"
 }
 open_menu
-import -window root "$home/menu.png"
-convert "$home/menu.png" -crop 420x230+480+0 +repage "$out/tray-menu.png"
+import -window root png:- | convert - -crop 420x230+480+0 +repage "$out/tray-menu.png"
 
 xdotool key ctrl+comma
 until_ok shown 2 || fail "Ctrl+, in the open tray menu did not open the settings"

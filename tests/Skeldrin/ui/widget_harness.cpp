@@ -13,22 +13,6 @@
 
 using namespace skeldrin;
 
-namespace {
-
-bool runHook(const QString& hook, const QString& event, const QString& id, const QString& extra)
-{
-    QProcess process;
-    process.start(hook, {});
-    if (!process.waitForStarted(5000)) return false;
-    process.write(QStringLiteral(R"({"hook_event_name":"%1","session_id":"%2","cwd":"/work/%2"%3})")
-                      .arg(event, id, extra)
-                      .toUtf8());
-    process.closeWriteChannel();
-    return process.waitForFinished(5000) && process.exitCode() == 0;
-}
-
-} // namespace
-
 int main(int argc, char** argv)
 {
     QApplication app(argc, argv);
@@ -36,19 +20,25 @@ int main(int argc, char** argv)
         QTextStream(stderr) << "usage: widget_harness <skeldrin-hook> <settings.ini>\n";
         return 2;
     }
-    const QString hook = QString::fromLocal8Bit(argv[1]);
-    const bool recorded =
-        runHook(hook, QStringLiteral("UserPromptSubmit"), QStringLiteral("render-fix"),
-                QStringLiteral(R"(,"prompt":"Fix the flaky render test in the widget")")) &&
-        runHook(hook, QStringLiteral("SessionStart"), QStringLiteral("api-docs"), {}) &&
-        runHook(hook, QStringLiteral("PermissionRequest"), QStringLiteral("api-docs"),
-                QStringLiteral(R"(,"tool_name":"Bash")")) &&
-        runHook(hook, QStringLiteral("UserPromptSubmit"), QStringLiteral("release-notes"),
-                QStringLiteral(R"(,"prompt":"Draft the release notes")")) &&
-        runHook(hook, QStringLiteral("Stop"), QStringLiteral("release-notes"), {});
-    if (!recorded) {
-        QTextStream(stderr) << "widget_harness: the hook failed\n";
-        return 1;
+    // One running session with a prompt, one waiting for an approval, one done.
+    for (const auto& [event, id, extra] :
+         {std::tuple{"UserPromptSubmit", "render-fix",
+                     R"(,"prompt":"Fix the flaky render test in the widget")"},
+          {"SessionStart", "api-docs", ""},
+          {"PermissionRequest", "api-docs", R"(,"tool_name":"Bash")"},
+          {"UserPromptSubmit", "release-notes", R"(,"prompt":"Draft the release notes")"},
+          {"Stop", "release-notes", ""}}) {
+        QProcess hook;
+        hook.start(QString::fromLocal8Bit(argv[1]), {});
+        hook.write(QStringLiteral(R"({"hook_event_name":"%1","session_id":"%2","cwd":"/work/%2"%3})")
+                       .arg(QLatin1String(event), QLatin1String(id), QLatin1String(extra))
+                       .toUtf8());
+        hook.closeWriteChannel();
+        if (!hook.waitForFinished(5000) || hook.exitStatus() != QProcess::NormalExit ||
+            hook.exitCode() != 0) {
+            QTextStream(stderr) << "widget_harness: the hook failed on " << event << "\n";
+            return 1;
+        }
     }
     AppSettings settings(QString::fromLocal8Bit(argv[2]));
     SessionsModel::Dependencies deps;

@@ -1,0 +1,42 @@
+# Sourced by the real-window tests: a temporary home, an X server on a display it picks itself and openbox,
+# with helpers that wait on what they check, never on a fixed time.
+# Usage: x11_session WIDTHxHEIGHT FAILURE_PNG [TOOL...]; then $tmp holds the home, what is in $pids is
+# killed on exit, and fail also prints $fail_log if set. A missing tool skips the test.
+
+# Waits up to twenty seconds for a command to succeed (the machine may be busy).
+until_ok() { for _ in $(seq 200); do "$@" >/dev/null 2>&1 && return 0; sleep 0.1; done; return 1; }
+fail() {
+    echo "FAIL: $*"
+    import -window root "$failure_png" 2>/dev/null || true
+    if [ -n "${fail_log:-}" ]; then cat "$fail_log" 2>/dev/null || true; fi
+    exit 1
+}
+# A window whose content is painted, not one flat colour; with a geometry, only that part of it.
+painted() {
+    import -window "$1" png:- | convert - ${2:+-crop "$2" +repage} -format '%[fx:standard_deviation > 0.01]' info: |
+        grep -qx 1
+}
+
+x11_session() {
+    local size=$1 tool number
+    failure_png=$2
+    shift 2
+    for tool in Xvfb openbox xdotool xprop import convert "$@"; do
+        command -v "$tool" >/dev/null || { echo "SKIP: $tool is not installed (scripts/install-deps --test)"; exit 0; }
+    done
+    tmp=$(mktemp -d)
+    pids=()
+    trap 'for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done; wait 2>/dev/null || true; rm -rf "$tmp"' EXIT
+    export HOME=$tmp/home XDG_CONFIG_HOME=$tmp/config XDG_DATA_HOME=$tmp/data XDG_CACHE_HOME=$tmp/cache
+    export XDG_RUNTIME_DIR=$tmp/runtime SKELDRIN_UPDATE_URL=
+    unset QT_QPA_PLATFORM WAYLAND_DISPLAY DBUS_SESSION_BUS_ADDRESS
+    mkdir -p "$HOME" "$(dirname "$failure_png")" && mkdir -m 700 "$XDG_RUNTIME_DIR"
+    mkfifo "$tmp/display"
+    Xvfb -displayfd 3 -screen 0 "${size}x24" -nolisten tcp 3>"$tmp/display" 2>"$tmp/xvfb.log" &
+    pids+=($!)
+    read -r -t 20 number <"$tmp/display" || fail "Xvfb did not start"
+    export DISPLAY=:$number
+    openbox >"$tmp/openbox.log" 2>&1 &
+    pids+=($!)
+    until_ok sh -c 'xprop -root _NET_SUPPORTING_WM_CHECK | grep -q "window id"' || fail "openbox did not start"
+}
