@@ -65,17 +65,10 @@ class SettingsViewTests : public QObject {
     {
         AppFixture app;
         std::filesystem::create_directories(app.claudeSettings.parent_path());
-        writeText(app.claudeSettings, "{ not json");
+        writeText(app.claudeSettings, R"({"model": "opus"})");
         SettingsView view(*app.model, app.settings);
         Switch& connected = child(view, "claudeCode");
         QVERIFY(!connected.isChecked());
-        connected.click();
-        QVERIFY(!connected.isChecked()); // unreadable: snapped back, and said so
-        QCOMPARE(app.alerts.shown.size(), 1);
-        QVERIFY(
-            app.alerts.shown.front().startsWith(QStringLiteral("Couldn't update Claude Code settings | ")));
-
-        writeText(app.claudeSettings, R"({"model": "opus"})");
         connected.click();
         QVERIFY(connected.isChecked());
         QCOMPARE(app.model->hookState(), HookInstaller::State::installed);
