@@ -33,11 +33,6 @@ ListedSession listed(const std::string& id, const Row& row)
     return {s, row.role, row.waitingOnRuns ? Shade::waitingOnRuns() : Shade::of(row.status), 0, false};
 }
 
-std::string nameOf(const Session& s)
-{
-    return "name of " + s.id;
-}
-
 void append(NotificationRules::Step& to, const NotificationRules::Step& from)
 {
     to.show.insert(to.show.end(), from.show.begin(), from.show.end());
@@ -60,7 +55,8 @@ struct Fed {
     }
     NotificationRules::Step at(const std::vector<ListedSession>& list, bool finishedOn)
     {
-        return rules.next(list, waitingOn, finishedOn, nameOf, now);
+        return rules.next(
+            list, waitingOn, finishedOn, [](const Session& s) { return "name of " + s.id; }, now);
     }
 };
 
