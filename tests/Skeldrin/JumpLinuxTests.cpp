@@ -133,29 +133,6 @@ class JumpLinuxTests : public QObject {
         background_.clear();
     }
 
-    void tmuxSelectsExactlyTheHooksPane()
-    {
-        if (QStandardPaths::findExecutable("tmux").isEmpty()) QSKIP("tmux is not installed");
-        const QProcessEnvironment env = environment();
-        const QStringList socket{"-S", path("tmux.sock")};
-        const auto tmux = [&](const QStringList& arguments) {
-            return output("tmux", socket + arguments, env);
-        };
-        const QString current = "display -p #{pane_id}";
-        QCOMPARE(run("tmux", socket + words("-f /dev/null new-session -d -s work"), env).first, 0);
-        tmux(words("new-window -t work"));
-        const QString hooked = tmux(words("split-window -P -F #{pane_id}") << hookLine("tmux-one"));
-        QVERIFY(!hooked.isEmpty());
-        tmux(words("split-window"));
-        tmux(words("new-window -t work"));
-        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(sessionPath("tmux-one")), kTimeoutMs);
-        QVERIFY(tmux(words(current)) != hooked);
-
-        QCOMPARE(jump("tmux-one", env), std::make_pair(0, QString()));
-        QCOMPARE(tmux(words(current)), hooked);
-        tmux(words("kill-server"));
-    }
-
     void placesAreAskedThroughTheirOwnCommandsOrRefused_data()
     {
         QTest::addColumn<QStringList>("variables"); // what the hook ran with; empty row: never recorded
@@ -272,7 +249,7 @@ class JumpLinuxTests : public QObject {
         QCOMPARE(*error, QStringLiteral("tmux didn't answer in time."));
     }
 
-    void x11TerminalWindowsComeForwardEvenWhenMinimized()
+    void terminalWindowsAndTmuxPanesComeForwardEvenWhenMinimized()
     {
         for (const char* tool : {"Xvfb", "openbox", "xterm", "xdotool"})
             if (QStandardPaths::findExecutable(QString::fromLatin1(tool)).isEmpty())
@@ -320,17 +297,27 @@ class JumpLinuxTests : public QObject {
         QCOMPARE(jump("in-xterm", env).first, 0);
         QCOMPARE(waitForTitle("hooked"), "hooked");
 
-        // A tmux pane: the terminal showing the attached client comes forward too.
+        // A tmux pane among others: exactly that pane is selected, and the terminal showing the attached
+        // client comes forward too.
         const QStringList socket{"-S", path("tmux.sock")};
-        QCOMPARE(run("tmux", socket + words("-f /dev/null new-session -d") << hookLine("in-tmux"), env).first,
-                 0);
+        const auto tmux = [&](const QStringList& arguments) {
+            return output("tmux", socket + arguments, env);
+        };
+        QCOMPARE(run("tmux", socket + words("-f /dev/null new-session -d -s work"), env).first, 0);
+        tmux(words("new-window -t work"));
+        const QString hooked = tmux(words("split-window -P -F #{pane_id}") << hookLine("in-tmux"));
+        QVERIFY(!hooked.isEmpty());
+        tmux(words("split-window"));
+        tmux(words("new-window -t work"));
         QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(sessionPath("in-tmux")), kTimeoutMs);
         xterm("tmuxed", QStringList{"tmux"} + socket + words("attach"));
         QCOMPARE(bringForward("tmuxed"), "tmuxed");
+        QVERIFY(tmux(words("display -p #{pane_id}")) != hooked);
         QCOMPARE(bringForward("other"), "other");
         QCOMPARE(jump("in-tmux", env).second, QString());
         QCOMPARE(waitForTitle("tmuxed"), "tmuxed");
-        run("tmux", socket + words("kill-server"), env);
+        QCOMPARE(tmux(words("display -p #{pane_id}")), hooked);
+        tmux(words("kill-server"));
     }
 };
 
