@@ -227,6 +227,11 @@ class CliTests : public QObject {
 
     void namesFollowTheHeadlineSettingAndEndedSessionsSaySo()
     {
+        const Ran empty = skeldrin({"status"});
+        QCOMPARE(empty.exitCode, 0);
+        QVERIFY(empty.out.startsWith("No sessions.\n"));
+        QCOMPARE(statusJson(), (QJsonObject{{"mostUrgent", QJsonValue::Null}, {"sessions", QJsonArray()}}));
+
         const Date now = SystemClock().now();
         Session titled("titled", "claude", "/work/beta", Origin{}, std::nullopt, now);
         titled.title = "Login work";
@@ -254,16 +259,6 @@ class CliTests : public QObject {
         const QString out = QString::fromUtf8(skeldrin({"status"}).out);
         QVERIFY2(out.contains(QRegularExpression("\nEnded +gamma")), qPrintable(out));
         QVERIFY2(out.contains("isn't connected"), qPrintable(out));
-    }
-
-    void emptyListSaysSo()
-    {
-        const Ran ran = skeldrin({"status"});
-        QCOMPARE(ran.exitCode, 0);
-        QVERIFY(ran.out.startsWith("No sessions.\n"));
-        const QJsonObject status = statusJson();
-        QVERIFY(status["mostUrgent"].isNull());
-        QVERIFY(status["sessions"].toArray().isEmpty());
     }
 
     void tableFitsTheTerminalAndColoursOnlyTheStatusWord()
@@ -334,7 +329,16 @@ class CliTests : public QObject {
 
     void connectAndDisconnectEditOnlyTheirOwnHooks()
     {
+        // A settings file it cannot read is left alone, with nothing beside it.
         QVERIFY(QDir().mkpath(path(".claude")));
+        const std::string array = "[\"not\", \"an object\"]\n";
+        writeText(settingsFile().toStdString(), array);
+        const Ran refused = skeldrin({"connect"});
+        QCOMPARE(refused.exitCode, 1);
+        QVERIFY(refused.err.startsWith("Couldn't update Claude Code settings: "));
+        QCOMPARE(readText(settingsFile().toStdString()), array);
+        QCOMPARE(QDir(path(".claude")).entryList(QDir::Files), QStringList{"settings.json"});
+
         writeText(settingsFile().toStdString(),
                   R"({"model":"opus","hooks":{"Stop":[{"hooks":[{"type":"command",)"
                   R"("command":"notify-send done"}]}]}})");
@@ -366,18 +370,6 @@ class CliTests : public QObject {
         QVERIFY(!QJsonDocument(settings().toObject()).toJson().contains("skeldrin-hook"));
         QCOMPARE(settings()["hooks"]["Stop"][0]["hooks"][0]["command"].toString(), "notify-send done");
         QCOMPARE(skeldrin({"hooks"}).out, "notInstalled\n");
-    }
-
-    void connectLeavesASettingsFileItCannotReadAlone()
-    {
-        QVERIFY(QDir().mkpath(path(".claude")));
-        const std::string array = "[\"not\", \"an object\"]\n";
-        writeText(settingsFile().toStdString(), array);
-        const Ran ran = skeldrin({"connect"});
-        QCOMPARE(ran.exitCode, 1);
-        QVERIFY(ran.err.startsWith("Couldn't update Claude Code settings: "));
-        QCOMPARE(readText(settingsFile().toStdString()), array);
-        QCOMPARE(QDir(path(".claude")).entryList(QDir::Files), QStringList{"settings.json"});
     }
 
     void usage()
