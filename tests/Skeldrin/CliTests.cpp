@@ -50,17 +50,17 @@ QStringList idsOf(const QJsonObject& status)
     return ids;
 }
 
-// Each row's field as a string, "id.field=value".
-void compareFields(const QJsonObject& status, const QStringList& expected)
+// The row's fields, "field=value|field=value", values as strings.
+void compareFields(const QJsonObject& status, const QString& id, const QString& fields)
 {
-    for (const QString& line : expected) {
-        const QString id = line.section('.', 0, 0), field = line.section('.', 1).section('=', 0, 0);
+    for (const QString& expected : fields.split('|')) {
+        const QString field = expected.section('=', 0, 0);
         const QJsonValue value = rowOf(status, id)[field];
         const QString seen = value.isBool()     ? (value.toBool() ? "true" : "false")
                              : value.isNull()   ? "null"
                              : value.isDouble() ? QString::number(value.toInt())
                                                 : value.toString();
-        QCOMPARE(id + '.' + field + '=' + seen, line);
+        QCOMPARE(id + ": " + field + '=' + seen, id + ": " + expected);
     }
 }
 
@@ -176,31 +176,15 @@ class CliTests : public QObject {
         QCOMPARE(idsOf(status),
                  (QStringList{"main-run", "main-wait", "child", "bg-parent", "task-toolu_docs", "orphan"}));
         QCOMPARE(status["mostUrgent"].toString(), "waiting");
-        compareFields(status, {"main-run.role=main",
-                               "main-run.shade=running",
-                               "main-run.name=alpha",
-                               "main-run.app=iTerm",
-                               "main-run.place=iTerm",
-                               "main-run.lastPrompt=fix the build",
-                               "main-run.endedAt=null",
-                               "main-wait.shade=waiting",
-                               "main-wait.name=Deploy",
-                               "main-wait.runCount=1",
-                               "main-wait.lastPrompt=null",
-                               "child.role=child",
-                               "child.shade=ready",
-                               "child.seen=false",
-                               "child.place=Run by Deploy",
-                               "bg-parent.shade=waitingOnRuns",
-                               "bg-parent.name=Ship it",
-                               "bg-parent.runCount=1",
-                               "bg-parent.runsFolded=false",
-                               "task-toolu_docs.role=child",
-                               "task-toolu_docs.shade=running",
-                               "task-toolu_docs.name=Build the docs",
-                               "task-toolu_docs.place=Run by Ship it",
-                               "orphan.role=detached",
-                               "orphan.place=Background job"});
+        compareFields(
+            status, "main-run",
+            "role=main|shade=running|name=alpha|app=iTerm|place=iTerm|lastPrompt=fix the build|endedAt=null");
+        compareFields(status, "main-wait", "shade=waiting|name=Deploy|runCount=1|lastPrompt=null");
+        compareFields(status, "child", "role=child|shade=ready|seen=false|place=Run by Deploy");
+        compareFields(status, "bg-parent", "shade=waitingOnRuns|name=Ship it|runCount=1|runsFolded=false");
+        compareFields(status, "task-toolu_docs",
+                      "role=child|shade=running|name=Build the docs|place=Run by Ship it");
+        compareFields(status, "orphan", "role=detached|place=Background job");
         const QString changedAt = rowOf(status, "main-run")["changedAt"].toString();
         QVERIFY(parseIso8601(changedAt.toStdString()) && changedAt.endsWith('Z'));
 
@@ -249,9 +233,10 @@ class CliTests : public QObject {
         QJsonObject status = statusJson();
         QCOMPARE(idsOf(status), (QStringList{"titled", "ended"}));
         QCOMPARE(status["mostUrgent"].toString(), "ready");
-        compareFields(status, {"titled.name=Login work", "titled.seen=true", "titled.app=Terminal",
-                               "titled.changedAt=" + QString::fromStdString(formatIso8601(now)),
-                               "ended.endedAt=2025-02-03T04:05:06.789Z", "ended.name=gamma"});
+        compareFields(status, "titled",
+                      "name=Login work|seen=true|app=Terminal|changedAt=" +
+                          QString::fromStdString(formatIso8601(now)));
+        compareFields(status, "ended", "endedAt=2025-02-03T04:05:06.789Z|name=gamma");
 
         home_->setSetting("headlines.enabled", true);
         QCOMPARE(rowOf(statusJson(), "titled")["name"].toString(), "Fix login");
