@@ -1,6 +1,7 @@
 // Jumping end to end on Linux: the real skeldrin-hook records where it runs, the real `skeldrin jump`
 // brings that place forward, checked with the terminals' own tools.
 #include "Skeldrin/platform/SystemJumper.h"
+#include "tests/support/TestFiles.h"
 #include "tests/support/TestProcesses.h"
 
 #include <QDBusConnection>
@@ -29,7 +30,7 @@ constexpr int kTimeoutMs = 20000;
 
 QStringList words(const QString& line)
 {
-    return line.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+    return line.simplified().split(QLatin1Char(' '), Qt::SkipEmptyParts);
 }
 
 } // namespace
@@ -87,8 +88,7 @@ class JumpLinuxTests : public QObject {
     QString sessionPath(const QString& id) const { return path("data/Skeldrin/sessions/" + id + ".json"); }
     bool seen(const QString& id) const
     {
-        QFile file(sessionPath(id));
-        return file.open(QIODevice::ReadOnly) && file.readAll().contains("\"seenAt\"");
+        return readText(sessionPath(id).toStdString()).find("\"seenAt\"") != std::string::npos;
     }
 
     // A process stopped when the test ends.
@@ -112,9 +112,8 @@ class JumpLinuxTests : public QObject {
     }
     QStringList argumentsSeenBy(const QString& name) const
     {
-        QFile file(path(name + ".args"));
-        if (!file.open(QIODevice::ReadOnly)) return {};
-        return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        return QString::fromStdString(readText(path(name + ".args").toStdString()))
+            .split('\n', Qt::SkipEmptyParts);
     }
 
   private Q_SLOTS:
@@ -282,9 +281,10 @@ class JumpLinuxTests : public QObject {
             startBackground("xterm", QStringList{"-title", title, "-e"} + command, env);
         };
         // The window manager is ready once it has announced itself on the root window.
-        QTRY_VERIFY_WITH_TIMEOUT(output("xprop", words("-root _NET_SUPPORTING_WM_CHECK"), env)
-                                     .contains(QLatin1String("window id")),
-                                 kTimeoutMs);
+        for (QDeadlineTimer managed(kTimeoutMs);
+             !managed.hasExpired() && !output("xprop", words("-root _NET_SUPPORTING_WM_CHECK"), env)
+                                           .contains(QLatin1String("window id"));)
+            QThread::msleep(50);
         xterm("hooked", {"sh", "-c", hookLine("in-xterm")});
         QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(sessionPath("in-xterm")), kTimeoutMs);
         xterm("other", words("sleep 600"));
