@@ -5,35 +5,28 @@
 #include "Skeldrin/cli/Watch.h"
 #include "TrackerCore/HookInstaller.h"
 #include "TrackerCore/Text.h"
+#include "tests/Skeldrin/AppFixture.h"
+#include "tests/support/TestFiles.h"
+#include "tests/support/TestProcesses.h"
 
 #include <QDeadlineTimer>
-#include <QFile>
-#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QRegularExpression>
-#include <QSettings>
-#include <QTemporaryDir>
 #include <QtTest>
 
 #include <csignal>
 #include <memory>
 
 using namespace skeldrin;
+using namespace skeldrin::test;
 
 namespace {
 
-const QString kBin = QStringLiteral(SKELDRIN_BIN_DIR);
-const QString kSkeldrin = kBin + QStringLiteral("/skeldrin");
-const QString kHook = kBin + QStringLiteral("/skeldrin-hook");
+const QString kSkeldrin = QStringLiteral(SKELDRIN_BIN_DIR "/skeldrin");
+const QString kHook = QStringLiteral(SKELDRIN_BIN_DIR "/skeldrin-hook");
 constexpr int kTimeoutMs = 30000;
-
-struct Outcome {
-    int exitCode = -1;
-    QByteArray out, err;
-};
 
 QByteArray payload(const QString& name, const QString& id, const QString& extra = {})
 {
@@ -44,23 +37,38 @@ QByteArray payload(const QString& name, const QString& id, const QString& extra 
 
 QJsonObject rowOf(const QJsonObject& status, const QString& id)
 {
-    for (const auto value : status[QStringLiteral("sessions")].toArray())
-        if (value.toObject()[QStringLiteral("id")].toString() == id) return value.toObject();
+    for (const auto value : status["sessions"].toArray())
+        if (value.toObject()["id"].toString() == id) return value.toObject();
     return {};
 }
 
 QStringList idsOf(const QJsonObject& status)
 {
     QStringList ids;
-    for (const auto value : status[QStringLiteral("sessions")].toArray())
-        ids << value.toObject()[QStringLiteral("id")].toString();
+    for (const auto value : status["sessions"].toArray())
+        ids << value.toObject()["id"].toString();
     return ids;
 }
 
-QString withoutEscapes(QString text)
+// The row's fields, "field=value|field=value", values as strings.
+void compareFields(const QJsonObject& status, const QString& id, const QString& fields)
 {
-    static const QRegularExpression escape(QStringLiteral("\x1b\\[[0-9;]*m"));
-    return text.remove(escape);
+    for (const QString& expected : fields.split('|')) {
+        const QString field = expected.section('=', 0, 0);
+        const QJsonValue value = rowOf(status, id)[field];
+        const QString seen = value.isBool()     ? (value.toBool() ? "true" : "false")
+                             : value.isNull()   ? "null"
+                             : value.isDouble() ? QString::number(value.toInt())
+                                                : value.toString();
+        QCOMPARE(id + ": " + field + '=' + seen, id + ": " + expected);
+    }
+}
+
+QString lineWith(const QString& text, const QString& needle)
+{
+    for (const QString& line : text.split('\n'))
+        if (line.contains(needle)) return line;
+    return {};
 }
 
 } // namespace
@@ -68,85 +76,53 @@ QString withoutEscapes(QString text)
 class CliTests : public QObject {
     Q_OBJECT
 
-private:
-    std::unique_ptr<QTemporaryDir> home_;
+    std::unique_ptr<TempHome> home_;
     std::vector<std::unique_ptr<QProcess>> standIns_;
 
-    QString path(const QString& relative) const { return home_->filePath(relative); }
-
+    QString path(const QString& relative) const { return home_->path(relative); }
     QProcessEnvironment environment() const
     {
-        QProcessEnvironment env;
-        env.insert(QStringLiteral("HOME"), home_->path());
-        env.insert(QStringLiteral("XDG_DATA_HOME"), path(QStringLiteral("data")));
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), path(QStringLiteral("config")));
-        env.insert(QStringLiteral("PATH"), QStringLiteral("/usr/bin:/bin"));
-        env.insert(QStringLiteral("TERM_PROGRAM"), QStringLiteral("iTerm.app"));
+        QProcessEnvironment env = bareEnvironment(*home_, "/usr/bin:/bin");
+        env.insert("TERM_PROGRAM", "iTerm.app");
         return env;
     }
 
-    // Runs an executable to its end, or gives up after the timeout (exit code -1).
-    Outcome run(const QString& program, const QStringList& arguments, const QByteArray& input = {},
-                const QProcessEnvironment& env = {}) const
+    Ran skeldrin(const QStringList& arguments) const
     {
-        QProcess process;
-        process.setProcessEnvironment(env.isEmpty() ? environment() : env);
-        process.start(program, arguments);
-        if (!process.waitForStarted(kTimeoutMs)) return {};
-        process.write(input);
-        process.closeWriteChannel();
-        if (!process.waitForFinished(kTimeoutMs)) {
-            process.kill();
-            process.waitForFinished();
-            return {};
-        }
-        if (process.exitStatus() != QProcess::NormalExit) return {};
-        return {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
+        return runToEnd(kSkeldrin, arguments, environment(), {}, kTimeoutMs);
     }
-
-    Outcome skeldrin(const QStringList& arguments) const { return run(kSkeldrin, arguments); }
-
     void hook(const QByteArray& input, const QProcessEnvironment& env = {}) const
     {
-        const Outcome outcome = run(kHook, {}, input, env);
-        QCOMPARE(outcome.exitCode, 0);
-        QCOMPARE(outcome.err, QByteArray());
+        const Ran ran = runToEnd(kHook, {}, env.isEmpty() ? environment() : env, input, kTimeoutMs);
+        QCOMPARE(ran.exitCode, 0);
+        QCOMPARE(ran.err, QByteArray());
     }
-
-    // A stand-in Claude Code process started from inside the given session.
-    qint64 standIn(const QString& parentSessionId)
+    // A stand-in Claude Code process started from inside the given session, as what the hook runs under.
+    QProcessEnvironment underStandIn(const QString& parentSessionId)
     {
         auto process = std::make_unique<QProcess>();
-        QProcessEnvironment env;
-        env.insert(QStringLiteral("CLAUDE_CODE_SESSION_ID"), parentSessionId);
-        process->setProcessEnvironment(env);
-        process->start(QStringLiteral("/bin/sleep"), {QStringLiteral("120")});
-        if (!process->waitForStarted(kTimeoutMs)) return 0;
-        const qint64 pid = process->processId();
-        standIns_.push_back(std::move(process));
-        return pid;
-    }
-
-    QProcessEnvironment withClaudePid(qint64 pid) const
-    {
+        QProcessEnvironment parent;
+        parent.insert("CLAUDE_CODE_SESSION_ID", parentSessionId);
+        process->setProcessEnvironment(parent);
+        process->start("/bin/sleep", {"120"});
+        process->waitForStarted(kTimeoutMs);
         QProcessEnvironment env = environment();
-        env.insert(QStringLiteral("CLAUDE_PID"), QString::number(pid));
+        env.insert("CLAUDE_PID", QString::number(process->processId()));
+        standIns_.push_back(std::move(process));
         return env;
     }
 
     QJsonObject statusJson() const
     {
-        const Outcome outcome = skeldrin({QStringLiteral("status"), QStringLiteral("--json")});
-        if (outcome.exitCode != 0) return {};
-        return QJsonDocument::fromJson(outcome.out).object();
+        const Ran ran = skeldrin({"status", "--json"});
+        return ran.exitCode == 0 ? QJsonDocument::fromJson(ran.out).object() : QJsonObject();
     }
-
-    SessionStore store() const
+    SessionStore store() const { return SessionStore(path("data/Skeldrin/sessions").toStdString()); }
+    void put(const Session& session) const
     {
-        return SessionStore(path(QStringLiteral("data/Skeldrin/sessions")).toStdString());
+        store().update(session.id, [&](const std::optional<Session>&) { return session; });
     }
-
-    QString settingsFile() const { return path(QStringLiteral(".claude/settings.json")); }
+    QString settingsFile() const { return path(".claude/settings.json"); }
 
     static bool waitForOutput(QProcess& process, QByteArray& seen, const QByteArray& wanted)
     {
@@ -159,250 +135,177 @@ private:
         return true;
     }
 
-private Q_SLOTS:
+  private Q_SLOTS:
     void init()
     {
-        home_ = std::make_unique<QTemporaryDir>();
-        QVERIFY(home_->isValid());
+        home_ = std::make_unique<TempHome>();
+        QVERIFY(home_->dir.isValid());
     }
 
     void cleanup()
     {
-        for (auto& process : standIns_) {
-            process->kill();
-            process->waitForFinished();
-        }
+        for (auto& process : standIns_)
+            stopAll({process.get()});
         standIns_.clear();
         home_.reset();
     }
 
     void statusListsSessionsWithTheirRolesShadesAndNames()
     {
-        hook(payload(QStringLiteral("UserPromptSubmit"), QStringLiteral("main-run"),
-                   QStringLiteral(R"(,"prompt":"fix the build")")));
-        hook(payload(QStringLiteral("SessionStart"), QStringLiteral("main-wait"),
-                   QStringLiteral(R"(,"session_title":"Deploy")")));
-        hook(payload(QStringLiteral("PermissionRequest"), QStringLiteral("main-wait"),
-                   QStringLiteral(R"(,"tool_name":"Bash","tool_input":{"command":"ls"})")));
-        const qint64 childClaude = standIn(QStringLiteral("main-wait"));
-        QVERIFY(childClaude > 0);
-        hook(payload(QStringLiteral("Stop"), QStringLiteral("child")), withClaudePid(childClaude));
-
+        hook(payload("UserPromptSubmit", "main-run", R"(,"prompt":"fix the build")"));
+        hook(payload("SessionStart", "main-wait", R"(,"session_title":"Deploy")"));
+        hook(payload("PermissionRequest", "main-wait",
+                     R"(,"tool_name":"Bash","tool_input":{"command":"ls"})"));
+        hook(payload("Stop", "child"), underStandIn("main-wait"));
         // A ready session whose transcript shows a background task still running, and its own title.
-        const QString transcript = path(QStringLiteral("bg.jsonl"));
-        {
-            QFile file(transcript);
-            QVERIFY(file.open(QIODevice::WriteOnly));
-            const QString now = QString::fromStdString(formatIso8601(SystemClock().now()));
-            file.write(R"({"type":"custom-title","customTitle":"Ship it"})"
-                       "\n");
-            file.write(QStringLiteral(R"({"type":"assistant","timestamp":"%1","message":{"content":[)"
-                                      R"({"type":"tool_use","id":"toolu_docs","name":"Bash","input":)"
-                                      R"({"description":"Build the docs","command":"make docs",)"
-                                      R"("run_in_background":true}}]}})")
-                           .arg(now)
-                           .toUtf8() +
-                       "\n");
-        }
-        hook(payload(QStringLiteral("Stop"), QStringLiteral("bg-parent"),
-                   QStringLiteral(R"(,"transcript_path":"%1")").arg(transcript)));
-        const qint64 orphanClaude = standIn(QStringLiteral("gone-parent"));
-        QVERIFY(orphanClaude > 0);
-        hook(payload(QStringLiteral("Stop"), QStringLiteral("orphan")), withClaudePid(orphanClaude));
+        const QString transcript = path("bg.jsonl");
+        writeText(transcript.toStdString(),
+                  R"({"type":"custom-title","customTitle":"Ship it"})"
+                  "\n" +
+                      QStringLiteral(R"({"type":"assistant","timestamp":"%1","message":{"content":[)"
+                                     R"({"type":"tool_use","id":"toolu_docs","name":"Bash","input":)"
+                                     R"({"description":"Build the docs","command":"make docs",)"
+                                     R"("run_in_background":true}}]}})")
+                          .arg(QString::fromStdString(formatIso8601(SystemClock().now())))
+                          .toStdString() +
+                      "\n");
+        hook(payload("Stop", "bg-parent", QStringLiteral(R"(,"transcript_path":"%1")").arg(transcript)));
+        hook(payload("Stop", "orphan"), underStandIn("gone-parent"));
 
         QJsonObject status = statusJson();
         QCOMPARE(idsOf(status),
                  (QStringList{"main-run", "main-wait", "child", "bg-parent", "task-toolu_docs", "orphan"}));
-        QCOMPARE(status["mostUrgent"].toString(), QStringLiteral("waiting"));
-
-        const QJsonObject run = rowOf(status, "main-run");
-        QCOMPARE(run["role"].toString(), QStringLiteral("main"));
-        QCOMPARE(run["shade"].toString(), QStringLiteral("running"));
-        QCOMPARE(run["name"].toString(), QStringLiteral("alpha"));
-        QCOMPARE(run["app"].toString(), QStringLiteral("iTerm"));
-        QCOMPARE(run["place"].toString(), QStringLiteral("iTerm"));
-        QCOMPARE(run["lastPrompt"].toString(), QStringLiteral("fix the build"));
-        QVERIFY(run["endedAt"].isNull());
-        QVERIFY(parseIso8601(run["changedAt"].toString().toStdString()));
-        QVERIFY(run["changedAt"].toString().endsWith(QLatin1Char('Z')));
-
-        const QJsonObject wait = rowOf(status, "main-wait");
-        QCOMPARE(wait["shade"].toString(), QStringLiteral("waiting"));
-        QCOMPARE(wait["name"].toString(), QStringLiteral("Deploy"));
-        QCOMPARE(wait["runCount"].toInt(), 1);
-        QVERIFY(wait["lastPrompt"].isNull());
-
-        const QJsonObject child = rowOf(status, "child");
-        QCOMPARE(child["role"].toString(), QStringLiteral("child"));
-        QCOMPARE(child["shade"].toString(), QStringLiteral("ready"));
-        QCOMPARE(child["seen"].toBool(), false);
-        QCOMPARE(child["place"].toString(), QStringLiteral("Run by Deploy"));
-
-        const QJsonObject parent = rowOf(status, "bg-parent");
-        QCOMPARE(parent["shade"].toString(), QStringLiteral("waitingOnRuns"));
-        QCOMPARE(parent["name"].toString(), QStringLiteral("Ship it"));
-        QCOMPARE(parent["runCount"].toInt(), 1);
-        QCOMPARE(parent["runsFolded"].toBool(), false);
-        const QJsonObject task = rowOf(status, "task-toolu_docs");
-        QCOMPARE(task["role"].toString(), QStringLiteral("child"));
-        QCOMPARE(task["shade"].toString(), QStringLiteral("running"));
-        QCOMPARE(task["name"].toString(), QStringLiteral("Build the docs"));
-        QCOMPARE(task["place"].toString(), QStringLiteral("Run by Ship it"));
-
-        const QJsonObject orphan = rowOf(status, "orphan");
-        QCOMPARE(orphan["role"].toString(), QStringLiteral("detached"));
-        QCOMPARE(orphan["place"].toString(), QStringLiteral("Background job"));
+        QCOMPARE(status["mostUrgent"].toString(), "waiting");
+        compareFields(
+            status, "main-run",
+            "role=main|shade=running|name=alpha|app=iTerm|place=iTerm|lastPrompt=fix the build|endedAt=null");
+        compareFields(status, "main-wait", "shade=waiting|name=Deploy|runCount=1|lastPrompt=null");
+        compareFields(status, "child", "role=child|shade=ready|seen=false|place=Run by Deploy");
+        compareFields(status, "bg-parent", "shade=waitingOnRuns|name=Ship it|runCount=1|runsFolded=false");
+        compareFields(status, "task-toolu_docs",
+                      "role=child|shade=running|name=Build the docs|place=Run by Ship it");
+        compareFields(status, "orphan", "role=detached|place=Background job");
+        const QString changedAt = rowOf(status, "main-run")["changedAt"].toString();
+        QVERIFY(parseIso8601(changedAt.toStdString()) && changedAt.endsWith('Z'));
 
         // A second approval in the same turn.
-        hook(payload(QStringLiteral("PermissionRequest"), QStringLiteral("main-wait"),
-                   QStringLiteral(R"(,"tool_name":"Bash","tool_input":{"command":"rm -r build"})")));
+        hook(payload("PermissionRequest", "main-wait",
+                     R"(,"tool_name":"Bash","tool_input":{"command":"rm -r build"})"));
         status = statusJson();
-        QCOMPARE(rowOf(status, "main-wait")["shade"].toString(), QStringLiteral("multiStepWaiting"));
-        QCOMPARE(status["mostUrgent"].toString(), QStringLiteral("multiStepWaiting"));
+        QCOMPARE(rowOf(status, "main-wait")["shade"].toString(), "multiStepWaiting");
+        QCOMPARE(status["mostUrgent"].toString(), "multiStepWaiting");
 
         // The same list for people: words, places, indentation, and no colour into a pipe.
-        const Outcome text = skeldrin({QStringLiteral("status")});
+        const Ran text = skeldrin({"status"});
         QCOMPARE(text.exitCode, 0);
         const QString out = QString::fromUtf8(text.out);
-        QVERIFY2(out.startsWith(QStringLiteral("6 sessions · most urgent: Needs several approvals")),
-                 qPrintable(out));
+        QVERIFY2(out.startsWith("6 sessions · most urgent: Needs several approvals"), qPrintable(out));
         for (const char* word : {"Running", "Needs several approvals", "Ready", "Waiting on background work",
                                  "Run by Deploy", "Background job", "fix the build"})
             QVERIFY2(out.contains(QLatin1String(word)), word);
-        QVERIFY(!out.contains(QLatin1Char('\x1b')));
-        const QStringList lines = out.split(QLatin1Char('\n'));
-        const auto lineWith = [&](const QString& needle) {
-            for (const QString& line : lines)
-                if (line.contains(needle)) return line;
-            return QString();
-        };
-        QCOMPARE(lineWith("Run by Deploy").indexOf("Ready"), 0);
-        QCOMPARE(lineWith("Deploy").indexOf("Deploy") + 2, lineWith("Run by Deploy").indexOf("alpha"));
+        QVERIFY(!out.contains('\x1b'));
+        QCOMPARE(lineWith(out, "Run by Deploy").indexOf("Ready"), 0);
+        QCOMPARE(lineWith(out, "Deploy").indexOf("Deploy") + 2,
+                 lineWith(out, "Run by Deploy").indexOf("alpha"));
     }
 
     void namesFollowTheHeadlineSettingAndEndedSessionsSaySo()
     {
+        const Ran empty = skeldrin({"status"});
+        QCOMPARE(empty.exitCode, 0);
+        QVERIFY(empty.out.startsWith("No sessions.\n"));
+        QCOMPARE(statusJson(), (QJsonObject{{"mostUrgent", QJsonValue::Null}, {"sessions", QJsonArray()}}));
+
         const Date now = SystemClock().now();
         Session titled("titled", "claude", "/work/beta", Origin{}, std::nullopt, now);
         titled.title = "Login work";
         titled.headline = "Fix login";
-        titled.lastPrompt = "make login work";
-        titled.headlinePrompt = titled.lastPrompt;
+        titled.headlinePrompt = titled.lastPrompt = "make login work";
         titled.seenAt = now;
-        const Date later = now + std::chrono::seconds{1};
-        Session ended("ended", "claude", "/work/gamma", Origin{}, std::nullopt, later);
+        Session ended("ended", "claude", "/work/gamma", Origin{}, std::nullopt,
+                      now + std::chrono::seconds{1});
         ended.origin.entrypoint = "claude-vscode";
         ended.endedAt = parseIso8601("2025-02-03T04:05:06.789Z");
         ended.seenAt = now;
-        for (const Session& session : {titled, ended})
-            store().update(session.id, [&](const std::optional<Session>&) { return session; });
+        put(titled);
+        put(ended);
 
         QJsonObject status = statusJson();
         QCOMPARE(idsOf(status), (QStringList{"titled", "ended"}));
-        QCOMPARE(status["mostUrgent"].toString(), QStringLiteral("ready"));
-        QJsonObject row = rowOf(status, "titled");
-        QCOMPARE(row["name"].toString(), QStringLiteral("Login work"));
-        QCOMPARE(row["seen"].toBool(), true);
-        QCOMPARE(row["app"].toString(), QStringLiteral("Terminal"));
-        QCOMPARE(row["changedAt"].toString(), QString::fromStdString(formatIso8601(now)));
-        QCOMPARE(rowOf(status, "ended")["endedAt"].toString(), QStringLiteral("2025-02-03T04:05:06.789Z"));
-        QCOMPARE(rowOf(status, "ended")["name"].toString(), QStringLiteral("gamma"));
+        QCOMPARE(status["mostUrgent"].toString(), "ready");
+        compareFields(status, "titled",
+                      "name=Login work|seen=true|app=Terminal|changedAt=" +
+                          QString::fromStdString(formatIso8601(now)));
+        compareFields(status, "ended", "endedAt=2025-02-03T04:05:06.789Z|name=gamma");
 
-        {
-            QSettings settings(path(QStringLiteral("config/Skeldrin/Skeldrin.conf")), QSettings::IniFormat);
-            settings.setValue(QStringLiteral("headlines.enabled"), true);
-        }
-        status = statusJson();
-        QCOMPARE(rowOf(status, "titled")["name"].toString(), QStringLiteral("Fix login"));
+        home_->setSetting("headlines.enabled", true);
+        QCOMPARE(rowOf(statusJson(), "titled")["name"].toString(), "Fix login");
 
-        const QString out = QString::fromUtf8(skeldrin({QStringLiteral("status")}).out);
-        QVERIFY2(out.contains(QRegularExpression(QStringLiteral("\nEnded +gamma"))), qPrintable(out));
-        QVERIFY2(out.contains(QStringLiteral("isn't connected")), qPrintable(out));
-    }
-
-    void emptyListSaysSo()
-    {
-        const Outcome outcome = skeldrin({QStringLiteral("status")});
-        QCOMPARE(outcome.exitCode, 0);
-        QVERIFY(outcome.out.startsWith("No sessions.\n"));
-        const QJsonObject status = statusJson();
-        QVERIFY(status["mostUrgent"].isNull());
-        QVERIFY(status["sessions"].toArray().isEmpty());
+        const QString out = QString::fromUtf8(skeldrin({"status"}).out);
+        QVERIFY2(out.contains(QRegularExpression("\nEnded +gamma")), qPrintable(out));
+        QVERIFY2(out.contains("isn't connected"), qPrintable(out));
     }
 
     void tableFitsTheTerminalAndColoursOnlyTheStatusWord()
     {
+        AppFixture app;
         const Date now = SystemClock().now();
-        const auto put = [&](Session session) {
-            store().update(session.id, [&](const std::optional<Session>&) { return session; });
-        };
-        Session parent("p", "claude", "/work/parser", Origin{}, std::nullopt, now - std::chrono::minutes(5));
-        parent.title = "Parent title";
-        parent.phase = Phase::running;
-        parent.lastPrompt = "please refactor the whole parser so that it reads lines lazily and stops early";
-        put(parent);
-        Session child("c", "claude", "/work/parser", Origin{}, std::nullopt, now - std::chrono::minutes(4));
-        child.title = "Child\x1b]0;evil\x07";
-        child.parentId = "p";
-        child.lastPrompt = "short";
-        put(child);
+        app.put("p", [&](Session& s) {
+            s.cwd = "/work/parser";
+            s.changedAt = now - std::chrono::minutes(5);
+            s.title = "Parent title";
+            s.phase = Phase::running;
+            s.lastPrompt = "please refactor the whole parser so that it reads lines lazily and stops early";
+        });
+        app.put("c", [&](Session& s) {
+            s.cwd = "/work/parser";
+            s.changedAt = now - std::chrono::minutes(4);
+            s.title = "Child\x1b]0;evil\x07";
+            s.parentId = "p";
+            s.lastPrompt = "short";
+        });
 
-        AppSettings settings(path(QStringLiteral("settings.ini")));
-        SessionsModel::Dependencies dependencies;
-        dependencies.settings = &settings;
-        dependencies.claudeSettings = path(QStringLiteral("claude.json")).toStdString();
-        SessionsModel model(store(), dependencies);
-        model.reload();
-
-        const std::string colored = cli::statusTable(model, now, {true, 60});
-        const QStringList lines = withoutEscapes(QString::fromStdString(colored)).split(QLatin1Char('\n'));
+        const std::string colored = cli::statusTable(*app.model, now, {true, 60});
+        static const QRegularExpression escape("\x1b\\[[0-9;]*m");
+        const QStringList lines = QString::fromStdString(colored).remove(escape).split('\n');
         for (const QString& line : lines.mid(1))
             QVERIFY2(text::characterCount(line.toStdString()) <= 60, qPrintable(line));
         QVERIFY(colored.find("\x1b[34mRunning\x1b[0m ") != std::string::npos);
         QVERIFY(colored.find("\x07") == std::string::npos);
-        QVERIFY(lines[2].endsWith(QStringLiteral("…")));
-        QVERIFY(lines[2].contains(QStringLiteral("5m")));
+        QVERIFY(lines[2].endsWith("…") && lines[2].contains("5m"));
         QCOMPARE(lines[2].indexOf("Parent title") + 2, lines[3].indexOf("Child"));
         QCOMPARE(lines[2].indexOf("Terminal"), lines[3].indexOf("Run by Parent title"));
 
-        const std::string plain = cli::statusTable(model, now, {false, std::nullopt});
+        const std::string plain = cli::statusTable(*app.model, now, {false, std::nullopt});
         QVERIFY(plain.find('\x1b') == std::string::npos);
-        QVERIFY(plain.find(*parent.lastPrompt) != std::string::npos);
-    }
+        QVERIFY(plain.find("reads lines lazily and stops early") != std::string::npos);
 
-    void elapsedTimes()
-    {
-        const Date now = SystemClock().now();
-        const auto ago = [&](int seconds) { return cli::elapsed(now - std::chrono::seconds(seconds), now); };
-        QCOMPARE(ago(59), std::string("now"));
-        QCOMPARE(ago(60), std::string("1m"));
-        QCOMPARE(ago(3599), std::string("59m"));
-        QCOMPARE(ago(3600), std::string("1h"));
-        QCOMPARE(ago(86400 * 2 + 5), std::string("2d"));
+        const auto ago = [&](int seconds) {
+            return QString::fromStdString(cli::elapsed(now - std::chrono::seconds(seconds), now));
+        };
+        QCOMPARE(QStringList({ago(59), ago(60), ago(3599), ago(3600), ago(86400 * 2 + 5)}),
+                 QStringList({"now", "1m", "59m", "1h", "2d"}));
     }
 
     void transcriptReportsWhatTheTailSays()
     {
-        const Outcome outcome = skeldrin({QStringLiteral("transcript"),
-                                          QStringLiteral(SKELDRIN_FIXTURES "/cli/transcript.jsonl"),
-                                          QStringLiteral("--json")});
-        QCOMPARE(outcome.exitCode, 0);
-        const QJsonObject tail = QJsonDocument::fromJson(outcome.out).object();
-        QCOMPARE(tail["title"].toString(), QStringLiteral("Release checklist"));
-        QCOMPARE(tail["interruptedAt"].toString(), QStringLiteral("2025-03-01T10:05:00.250Z"));
-        const QJsonArray tasks = tail["runningBackgroundTasks"].toArray();
-        QCOMPARE(tasks.size(), 2);
+        const Ran ran = skeldrin({"transcript", SKELDRIN_FIXTURES "/cli/transcript.jsonl", "--json"});
+        QCOMPARE(ran.exitCode, 0);
+        const QJsonObject tail = QJsonDocument::fromJson(ran.out).object();
+        QCOMPARE(tail["title"].toString(), "Release checklist");
+        QCOMPARE(tail["interruptedAt"].toString(), "2025-03-01T10:05:00.250Z");
         // Long expired by now, and still listed: the reader's result as it is.
-        QCOMPARE(tasks[0].toObject(), (QJsonObject{{"id", "toolu_bg1"},
-                                                   {"startedAt", "2025-03-01T10:00:00.000Z"},
-                                                   {"title", "npm run dev"},
-                                                   {"expiresAt", "2025-03-01T10:05:00.000Z"}}));
-        QCOMPARE(tasks[1].toObject(), (QJsonObject{{"id", "toolu_mon"},
-                                                   {"startedAt", "2025-03-01T10:02:00.500Z"},
-                                                   {"title", "Watch the deploy"},
-                                                   {"expiresAt", QJsonValue::Null}}));
+        QCOMPARE(tail["runningBackgroundTasks"].toArray(),
+                 (QJsonArray{QJsonObject{{"id", "toolu_bg1"},
+                                         {"startedAt", "2025-03-01T10:00:00.000Z"},
+                                         {"title", "npm run dev"},
+                                         {"expiresAt", "2025-03-01T10:05:00.000Z"}},
+                             QJsonObject{{"id", "toolu_mon"},
+                                         {"startedAt", "2025-03-01T10:02:00.500Z"},
+                                         {"title", "Watch the deploy"},
+                                         {"expiresAt", QJsonValue::Null}}}));
 
-        const Outcome missing = skeldrin({QStringLiteral("transcript"), path(QStringLiteral("none.jsonl"))});
+        const Ran missing = skeldrin({"transcript", path("none.jsonl")});
         QCOMPARE(missing.exitCode, 1);
         QCOMPARE(missing.out, QByteArray());
         QCOMPARE(missing.err.count('\n'), 1);
@@ -411,108 +314,82 @@ private Q_SLOTS:
 
     void connectAndDisconnectEditOnlyTheirOwnHooks()
     {
-        QVERIFY(QDir().mkpath(path(QStringLiteral(".claude"))));
-        {
-            QFile file(settingsFile());
-            QVERIFY(file.open(QIODevice::WriteOnly));
-            file.write(R"({"model":"opus","hooks":{"Stop":[{"hooks":[{"type":"command",)"
-                       R"("command":"notify-send done"}]}]}})");
-        }
-        QCOMPARE(skeldrin({QStringLiteral("hooks")}).out, QByteArray("notInstalled\n"));
+        // A settings file it cannot read is left alone, with nothing beside it.
+        QVERIFY(QDir().mkpath(path(".claude")));
+        const std::string array = "[\"not\", \"an object\"]\n";
+        writeText(settingsFile().toStdString(), array);
+        const Ran refused = skeldrin({"connect"});
+        QCOMPARE(refused.exitCode, 1);
+        QVERIFY(refused.err.startsWith("Couldn't update Claude Code settings: "));
+        QCOMPARE(readText(settingsFile().toStdString()), array);
+        QCOMPARE(QDir(path(".claude")).entryList(QDir::Files), QStringList{"settings.json"});
 
-        const Outcome connected = skeldrin({QStringLiteral("connect")});
-        QCOMPARE(connected.exitCode, 0);
-        QVERIFY(connected.out.contains("installed"));
-        QVERIFY(connected.out.contains(settingsFile().toUtf8()));
-        QCOMPARE(skeldrin({QStringLiteral("hooks")}).out, QByteArray("installed\n"));
-
-        const auto readSettings = [&] {
-            QFile file(settingsFile());
-            if (!file.open(QIODevice::ReadOnly)) return QJsonObject();
-            return QJsonDocument::fromJson(file.readAll()).object();
+        writeText(settingsFile().toStdString(),
+                  R"({"model":"opus","hooks":{"Stop":[{"hooks":[{"type":"command",)"
+                  R"("command":"notify-send done"}]}]}})");
+        const auto settings = [&] {
+            const std::string text = readText(settingsFile().toStdString());
+            return QJsonValue(QJsonDocument::fromJson(QByteArray::fromStdString(text)).object());
         };
+        QCOMPARE(skeldrin({"hooks"}).out, "notInstalled\n");
+
+        const Ran connected = skeldrin({"connect"});
+        QCOMPARE(connected.exitCode, 0);
+        QVERIFY(connected.out.contains("installed") && connected.out.contains(settingsFile().toUtf8()));
+        QCOMPARE(skeldrin({"hooks"}).out, "installed\n");
+        QCOMPARE(settings()["model"].toString(), "opus");
+        const QJsonObject hooks = settings()["hooks"].toObject();
+        QCOMPARE(hooks.size(), 11);
         const std::string command =
             HookInstaller::command(QFileInfo(kHook).canonicalFilePath().toStdString());
-        QJsonObject settings = readSettings();
-        QCOMPARE(settings["model"].toString(), QStringLiteral("opus"));
-        QJsonObject hooks = settings["hooks"].toObject();
-        QCOMPARE(hooks.size(), 11);
         for (const auto& row : HookInstaller::events()) {
             const QJsonArray groups = hooks[QString::fromUtf8(row.event.data(), row.event.size())].toArray();
             QVERIFY(!groups.isEmpty());
-            const QJsonObject entry = groups.last().toObject()["hooks"].toArray().first().toObject();
-            QCOMPARE(entry["command"].toString().toStdString(), command);
+            QCOMPARE(groups.last()["hooks"][0]["command"].toString().toStdString(), command);
         }
         QCOMPARE(hooks["Stop"].toArray().size(), 2);
 
-        const Outcome disconnected = skeldrin({QStringLiteral("disconnect")});
+        const Ran disconnected = skeldrin({"disconnect"});
         QCOMPARE(disconnected.exitCode, 0);
         QVERIFY(disconnected.out.contains("notInstalled"));
-        settings = readSettings();
-        hooks = settings["hooks"].toObject();
-        QVERIFY(!QJsonDocument(settings).toJson().contains("skeldrin-hook"));
-        const QJsonArray kept = hooks["Stop"].toArray().first().toObject()["hooks"].toArray();
-        QCOMPARE(kept.first().toObject()["command"].toString(), QStringLiteral("notify-send done"));
-        QCOMPARE(skeldrin({QStringLiteral("hooks")}).out, QByteArray("notInstalled\n"));
-    }
-
-    void connectLeavesASettingsFileItCannotReadAlone()
-    {
-        QVERIFY(QDir().mkpath(path(QStringLiteral(".claude"))));
-        const QByteArray array = "[\"not\", \"an object\"]\n";
-        {
-            QFile file(settingsFile());
-            QVERIFY(file.open(QIODevice::WriteOnly));
-            file.write(array);
-        }
-        const Outcome outcome = skeldrin({QStringLiteral("connect")});
-        QCOMPARE(outcome.exitCode, 1);
-        QVERIFY(outcome.err.startsWith("Couldn't update Claude Code settings: "));
-        QFile file(settingsFile());
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        QCOMPARE(file.readAll(), array);
-        QCOMPARE(QDir(path(QStringLiteral(".claude"))).entryList(QDir::Files), QStringList{"settings.json"});
+        QVERIFY(!QJsonDocument(settings().toObject()).toJson().contains("skeldrin-hook"));
+        QCOMPARE(settings()["hooks"]["Stop"][0]["hooks"][0]["command"].toString(), "notify-send done");
+        QCOMPARE(skeldrin({"hooks"}).out, "notInstalled\n");
     }
 
     void usage()
     {
-        const Outcome help = skeldrin({QStringLiteral("--help")}); // with no arguments it is the app
+        const Ran help = skeldrin({"--help"}); // with no arguments it is the app
         QCOMPARE(help.exitCode, 0);
         QVERIFY(help.out.contains("Usage: skeldrin"));
-        QCOMPARE(skeldrin({QStringLiteral("--version")}).out, QByteArray("skeldrin " SKELDRIN_VERSION "\n"));
-        for (const QStringList& wrong : {QStringList{"frobnicate"}, QStringList{"status", "--verbose"},
-                                         QStringList{"transcript"}, QStringList{"hooks", "--json"},
-                                         QStringList{"--nope"}, QStringList{"status", "extra"}}) {
-            const Outcome outcome = skeldrin(wrong);
-            QCOMPARE(outcome.exitCode, 2);
-            QCOMPARE(outcome.out, QByteArray());
-            QVERIFY(outcome.err.contains("Usage: skeldrin"));
+        QCOMPARE(skeldrin({"--version"}).out, "skeldrin " SKELDRIN_VERSION "\n");
+        for (const QStringList& wrong :
+             {QStringList{"frobnicate"}, QStringList{"status", "--verbose"}, QStringList{"transcript"},
+              QStringList{"hooks", "--json"}, QStringList{"--nope"}, QStringList{"status", "extra"}}) {
+            const Ran ran = skeldrin(wrong);
+            QCOMPARE(ran.exitCode, 2);
+            QCOMPARE(ran.out, QByteArray());
+            QVERIFY(ran.err.contains("Usage: skeldrin"));
         }
     }
 
     void watchDrawsOnceForAPassOfChanges()
     {
-        AppSettings settings(path(QStringLiteral("settings.ini")));
-        SessionsModel::Dependencies dependencies;
-        dependencies.settings = &settings;
-        dependencies.claudeSettings = path(QStringLiteral("claude.json")).toStdString();
-        dependencies.cycleMilliseconds = 3600 * 1000; // only the changes below, no timer cycles
-        SessionsModel model(store(), dependencies);
-
+        AppFixture app;
         int drawings = 0;
         const auto render = [&] {
             if (++drawings == 1) {
-                QTimer::singleShot(0, &model, [&model] {
-                    Q_EMIT model.storedChanged();
-                    Q_EMIT model.backgroundTasksChanged();
-                    Q_EMIT model.transcriptTitlesChanged();
+                QTimer::singleShot(0, app.model.get(), [&app] {
+                    Q_EMIT app.model->storedChanged();
+                    Q_EMIT app.model->backgroundTasksChanged();
+                    Q_EMIT app.model->transcriptTitlesChanged();
                 });
             } else {
                 QTimer::singleShot(0, [] { std::raise(SIGINT); });
             }
             return std::string();
         };
-        QCOMPARE(cli::watch(model, render, false), 0);
+        QCOMPARE(cli::watch(*app.model, render, false), 0);
         QCOMPARE(drawings, 2);
     }
 
@@ -522,14 +399,13 @@ private Q_SLOTS:
             std::filesystem::remove_all(store().directory()); // each round starts with no sessions
             QProcess watch;
             watch.setProcessEnvironment(environment());
-            watch.start(kSkeldrin, {QStringLiteral("watch")});
+            watch.start(kSkeldrin, {"watch"});
             QVERIFY(watch.waitForStarted(kTimeoutMs));
             QByteArray seen;
             QVERIFY2(waitForOutput(watch, seen, "No sessions."), seen.constData());
 
             const QString id = QStringLiteral("watched-%1").arg(signal);
-            hook(payload(QStringLiteral("SessionStart"), id,
-                         QStringLiteral(R"(,"session_title":"Title %1")").arg(id)));
+            hook(payload("SessionStart", id, QStringLiteral(R"(,"session_title":"Title %1")").arg(id)));
             QVERIFY2(waitForOutput(watch, seen, "Title " + id.toUtf8()), seen.constData());
 
             ::kill(static_cast<pid_t>(watch.processId()), signal);

@@ -1,17 +1,17 @@
 // Jumping end to end on Linux: the real skeldrin-hook records where it runs, the real `skeldrin jump`
 // brings that place forward, checked with the terminals' own tools.
 #include "Skeldrin/platform/SystemJumper.h"
+#include "tests/support/TestFiles.h"
+#include "tests/support/TestProcesses.h"
 
 #include <QDBusConnection>
 #include <QDeadlineTimer>
-#include <QDir>
-#include <QDirIterator>
-#include <QFile>
-#include <QProcess>
-#include <QTemporaryDir>
+#include <QStandardPaths>
 #include <QtTest>
 
 #include <memory>
+
+using namespace skeldrin::test;
 
 namespace {
 
@@ -28,55 +28,40 @@ class KonsoleWindow : public QObject {
 const QString kBin = QStringLiteral(SKELDRIN_BIN_DIR);
 constexpr int kTimeoutMs = 20000;
 
-struct Outcome {
-    int exitCode = -1;
-    QString out, err;
-};
+QStringList words(const QString& line)
+{
+    return line.simplified().split(QLatin1Char(' '), Qt::SkipEmptyParts);
+}
 
 } // namespace
 
 class JumpLinuxTests : public QObject {
     Q_OBJECT
 
-  private:
-    std::unique_ptr<QTemporaryDir> home_;
+    std::unique_ptr<TempHome> home_;
     std::vector<std::unique_ptr<QProcess>> background_;
 
-    QString path(const QString& relative) const { return home_->filePath(relative); }
-
-    QProcessEnvironment environment() const
+    QString path(const QString& relative) const { return home_->path(relative); }
+    QProcessEnvironment environment(const QString& searchPath = ":/usr/bin:/bin") const
     {
-        QProcessEnvironment env;
-        env.insert(QStringLiteral("HOME"), home_->path());
-        env.insert(QStringLiteral("XDG_DATA_HOME"), path(QStringLiteral("data")));
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), path(QStringLiteral("config")));
-        env.insert(QStringLiteral("XDG_RUNTIME_DIR"), home_->path());
-        env.insert(QStringLiteral("PATH"), path(QStringLiteral("bin")) + QStringLiteral(":/usr/bin:/bin"));
-        return env;
+        return bareEnvironment(*home_, path("bin") + searchPath);
     }
 
-    Outcome run(const QString& program, const QStringList& arguments, const QProcessEnvironment& env,
-                const QByteArray& input = {}) const
+    // The exit code and the trimmed error output of a program run to its end.
+    static std::pair<int, QString> run(const QString& program, const QStringList& arguments,
+                                       const QProcessEnvironment& env, const QByteArray& input = {})
     {
-        QProcess process;
-        process.setProcessEnvironment(env);
-        process.start(program, arguments);
-        if (!process.waitForStarted(kTimeoutMs)) return {};
-        process.write(input);
-        process.closeWriteChannel();
-        if (!process.waitForFinished(kTimeoutMs)) {
-            process.kill();
-            process.waitForFinished();
-            return {};
-        }
-        return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
-                QString::fromUtf8(process.readAllStandardOutput()).trimmed(),
-                QString::fromUtf8(process.readAllStandardError()).trimmed()};
+        const Ran ran = runToEnd(program, arguments, env, input, kTimeoutMs);
+        return {ran.exitCode, QString::fromUtf8(ran.err).trimmed()};
     }
-
-    Outcome jump(const QString& id, const QProcessEnvironment& env) const
+    static QString output(const QString& program, const QStringList& arguments,
+                          const QProcessEnvironment& env)
     {
-        return run(kBin + QStringLiteral("/skeldrin"), {QStringLiteral("jump"), id}, env);
+        return QString::fromUtf8(runToEnd(program, arguments, env, {}, kTimeoutMs).out).trimmed();
+    }
+    std::pair<int, QString> jump(const QString& id, const QProcessEnvironment& env) const
+    {
+        return run(kBin + "/skeldrin", {"jump", id}, env);
     }
 
     static QByteArray payload(const QString& id)
@@ -85,248 +70,160 @@ class JumpLinuxTests : public QObject {
             .arg(id)
             .toUtf8();
     }
-
-    // A shell line that runs the hook for id; the pane or terminal it runs in is what gets recorded.
-    QString hookLine(const QString& id) const
-    {
-        QFile file(path(id + QStringLiteral(".json")));
-        file.open(QIODevice::WriteOnly);
-        file.write(payload(id));
-        file.close();
-        return QStringLiteral("%1/skeldrin-hook < %2; sleep 600").arg(kBin, file.fileName());
-    }
-
-    bool waitForSession(const QString& id) const
-    {
-        QDeadlineTimer deadline(kTimeoutMs);
-        while (!deadline.hasExpired()) {
-            if (QDir(path(QStringLiteral("data"))).exists()) {
-                QDirIterator it(path(QStringLiteral("data")), QDirIterator::Subdirectories);
-                while (it.hasNext())
-                    if (it.next().endsWith(id + QStringLiteral(".json"))) return true;
-            }
-            QThread::msleep(50);
-        }
-        return false;
-    }
-
-    QProcess* startBackground(const QString& program, const QStringList& arguments,
-                              const QProcessEnvironment& env)
-    {
-        auto process = std::make_unique<QProcess>();
-        process->setProcessEnvironment(env);
-        process->setStandardErrorFile(QProcess::nullDevice());
-        process->start(program, arguments);
-        background_.push_back(std::move(process));
-        return background_.back().get();
-    }
-
-    // A program on the test's PATH that records its arguments, or does what body says.
-    void standIn(const QString& name, const QString& body = {})
-    {
-        QFile script(path(QStringLiteral("bin/") + name));
-        QVERIFY(script.open(QIODevice::WriteOnly));
-        script.write(
-            QStringLiteral("#!/bin/sh\n%1\n")
-                .arg(body.isEmpty()
-                         ? QStringLiteral("printf '%s\\n' \"$@\" > %1/%2.args").arg(home_->path(), name)
-                         : body)
-                .toUtf8());
-        script.close();
-        script.setPermissions(script.permissions() | QFileDevice::ExeOwner);
-    }
-
-    QStringList argumentsSeenBy(const QString& name) const
-    {
-        QFile file(path(name + QStringLiteral(".args")));
-        if (!file.open(QIODevice::ReadOnly)) return {};
-        return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    }
-
-    QByteArray sessionFile(const QString& id) const
-    {
-        QFile file(path(QStringLiteral("data/Skeldrin/sessions/") + id + QStringLiteral(".json")));
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
-
-    void recordWith(const QString& id, const QMap<QString, QString>& variables)
+    // Records a session from a hook run with these extra variables ("NAME=value").
+    void recordWith(const QString& id, const QStringList& variables)
     {
         QProcessEnvironment env = environment();
-        for (auto it = variables.begin(); it != variables.end(); ++it)
-            env.insert(it.key(), it.value());
-        QCOMPARE(run(kBin + QStringLiteral("/skeldrin-hook"), {}, env, payload(id)).exitCode, 0);
+        for (const QString& variable : variables)
+            env.insert(variable.section(QLatin1Char('='), 0, 0), variable.section(QLatin1Char('='), 1));
+        QCOMPARE(run(kBin + "/skeldrin-hook", {}, env, payload(id)).first, 0);
+    }
+    // A shell line that runs the hook for id; the pane or terminal it runs in is what gets recorded.
+    QString hookLine(const QString& id, const QString& then = "sleep 600") const
+    {
+        QFile file(path(id + ".json"));
+        if (file.open(QIODevice::WriteOnly)) file.write(payload(id));
+        return QStringLiteral("%1/skeldrin-hook < %2; %3").arg(kBin, file.fileName(), then);
+    }
+    QString sessionPath(const QString& id) const { return path("data/Skeldrin/sessions/" + id + ".json"); }
+    bool seen(const QString& id) const
+    {
+        return readText(sessionPath(id).toStdString()).find("\"seenAt\"") != std::string::npos;
+    }
+
+    // A process stopped when the test ends.
+    QProcess& background(const QProcessEnvironment& env)
+    {
+        background_.push_back(std::make_unique<QProcess>());
+        background_.back()->setProcessEnvironment(env);
+        background_.back()->setStandardErrorFile(QProcess::nullDevice());
+        return *background_.back();
+    }
+    void startBackground(const QString& program, const QStringList& arguments, const QProcessEnvironment& env)
+    {
+        background(env).start(program, arguments);
+    }
+
+    // A program on the test's PATH that records its arguments, one a line.
+    void standIn(const QString& name)
+    {
+        QVERIFY(writeScript(path("bin/" + name),
+                            QStringLiteral("printf '%s\\n' \"$@\" > %1.args").arg(path(name)).toUtf8()));
+    }
+    QStringList argumentsSeenBy(const QString& name) const
+    {
+        return QString::fromStdString(readText(path(name + ".args").toStdString()))
+            .split('\n', Qt::SkipEmptyParts);
     }
 
   private Q_SLOTS:
     void init()
     {
-        home_ = std::make_unique<QTemporaryDir>();
-        QVERIFY(home_->isValid());
-        QVERIFY(QDir(home_->path()).mkpath(QStringLiteral("bin")));
+        home_ = std::make_unique<TempHome>();
+        QVERIFY(home_->dir.isValid());
+        QVERIFY(QDir().mkpath(path("bin")));
     }
 
     void cleanup()
     {
         // Clients before the display they are on.
-        for (auto it = background_.rbegin(); it != background_.rend(); ++it) {
-            (*it)->kill();
-            (*it)->waitForFinished();
-        }
+        for (auto it = background_.rbegin(); it != background_.rend(); ++it)
+            stopAll({it->get()});
         background_.clear();
     }
 
-    void tmuxSelectsExactlyTheHooksPane()
+    void placesAreAskedThroughTheirOwnCommandsOrRefused_data()
     {
-        if (QStandardPaths::findExecutable(QStringLiteral("tmux")).isEmpty()) QSKIP("tmux is not installed");
-        const QString socket = path(QStringLiteral("tmux.sock"));
-        const QProcessEnvironment env = environment();
-        auto tmux = [&](QStringList arguments) {
-            arguments.prepend(socket);
-            arguments.prepend(QStringLiteral("-S"));
-            return run(QStringLiteral("tmux"), arguments, env);
-        };
-        QCOMPARE(tmux({QStringLiteral("-f"), QStringLiteral("/dev/null"), QStringLiteral("new-session"),
-                       QStringLiteral("-d"), QStringLiteral("-s"), QStringLiteral("work")})
-                     .exitCode,
-                 0);
-        tmux({QStringLiteral("new-window"), QStringLiteral("-t"), QStringLiteral("work")});
-        const Outcome hooked =
-            tmux({QStringLiteral("split-window"), QStringLiteral("-P"), QStringLiteral("-F"),
-                  QStringLiteral("#{pane_id}"), hookLine(QStringLiteral("tmux-one"))});
-        QCOMPARE(hooked.exitCode, 0);
-        tmux({QStringLiteral("split-window")});
-        tmux({QStringLiteral("new-window"), QStringLiteral("-t"), QStringLiteral("work")});
-        QVERIFY(waitForSession(QStringLiteral("tmux-one")));
-        QVERIFY(tmux({QStringLiteral("display"), QStringLiteral("-p"), QStringLiteral("#{pane_id}")}).out !=
-                hooked.out);
+        QTest::addColumn<QStringList>("variables"); // what the hook ran with; empty row: never recorded
+        QTest::addColumn<QString>("program");       // the stand-in on PATH; none when it is missing
+        QTest::addColumn<QStringList>("arguments"); // what the program was asked
+        QTest::addColumn<QString>("error");         // what `skeldrin jump` says; empty: it worked
 
-        const Outcome jumped = jump(QStringLiteral("tmux-one"), env);
-        QCOMPARE(jumped.err, QString());
-        QCOMPARE(jumped.exitCode, 0);
-        QCOMPARE(tmux({QStringLiteral("display"), QStringLiteral("-p"), QStringLiteral("#{pane_id}")}).out,
-                 hooked.out);
-        tmux({QStringLiteral("kill-server")});
+        QTest::newRow("kitty") << QStringList{"KITTY_WINDOW_ID=7", "KITTY_LISTEN_ON=unix:@kitty-main"}
+                               << "kitty" << words("@ --to unix:@kitty-main focus-window --match id:7") << "";
+        QTest::newRow("wezterm") << QStringList{"WEZTERM_PANE=12"} << "wezterm"
+                                 << words("cli activate-pane --pane-id 12") << "";
+        QTest::newRow("hostile window id")
+            << QStringList{"KITTY_WINDOW_ID=7 --all"} << "kitty" << QStringList()
+            << "Couldn't open alpha: This session recorded an unexpected kitty window: 7 --all";
+        QTest::newRow("program missing")
+            << QStringList{"KITTY_WINDOW_ID=3"} << "" << QStringList() << "Couldn't run kitty";
+        QTest::newRow("nowhere") << QStringList{"NOTHING=here"} << "kitty" << QStringList()
+                                 << "Couldn't open alpha: This session didn't say where it was started, so "
+                                    "there's nothing to open.";
+        QTest::newRow("never seen") << QStringList() << "kitty" << QStringList() << "skeldrin: no session s";
     }
 
-    void terminalsAreAskedThroughTheirOwnCommands()
+    void placesAreAskedThroughTheirOwnCommandsOrRefused()
     {
-        standIn(QStringLiteral("kitty"));
-        standIn(QStringLiteral("wezterm"));
-        recordWith(QStringLiteral("in-kitty"),
-                   {{QStringLiteral("KITTY_WINDOW_ID"), QStringLiteral("7")},
-                    {QStringLiteral("KITTY_LISTEN_ON"), QStringLiteral("unix:@kitty-main")}});
-        recordWith(QStringLiteral("in-wezterm"), {{QStringLiteral("WEZTERM_PANE"), QStringLiteral("12")}});
-        QCOMPARE(jump(QStringLiteral("in-kitty"), environment()).exitCode, 0);
-        QCOMPARE(argumentsSeenBy(QStringLiteral("kitty")),
-                 QStringList({"@", "--to", "unix:@kitty-main", "focus-window", "--match", "id:7"}));
-        // As in the app, a finished session that was jumped to has been seen.
-        QVERIFY(sessionFile(QStringLiteral("in-kitty")).contains("\"seenAt\""));
-        QCOMPARE(jump(QStringLiteral("in-wezterm"), environment()).exitCode, 0);
-        QCOMPARE(argumentsSeenBy(QStringLiteral("wezterm")),
-                 QStringList({"cli", "activate-pane", "--pane-id", "12"}));
+        QFETCH(QStringList, variables);
+        QFETCH(QString, program);
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, error);
+        if (!program.isEmpty()) standIn(program);
+        if (!variables.isEmpty()) recordWith("s", variables);
+
+        // Only the test's own programs: a missing one is not found elsewhere.
+        const auto [exitCode, said] = jump("s", environment(QString()));
+        QCOMPARE(exitCode, error.isEmpty() ? 0 : 1);
+        QVERIFY2(error.isEmpty() ? said.isEmpty() : said.contains(error), qPrintable(said));
+        if (!program.isEmpty()) QCOMPARE(argumentsSeenBy(program), arguments);
+        // As in the app, a session that was jumped to has been seen; one that could not be opened has not.
+        QCOMPARE(seen("s"), error.isEmpty());
     }
 
     void editorsOpenTheFolderThenTheSessionsLink()
     {
-        standIn(QStringLiteral("cursor"));
-        standIn(QStringLiteral("xdg-open"));
+        standIn("cursor");
+        standIn("xdg-open");
         // The session runs under an editor whose executable is named cursor: a copy of the shell here.
-        QVERIFY(QDir(home_->path()).mkpath(QStringLiteral("host")));
-        const QString host = path(QStringLiteral("host/cursor"));
-        QVERIFY(QFile::copy(QStringLiteral("/bin/sh"), host));
+        const QString host = path("host/cursor");
+        QVERIFY(QDir().mkpath(path("host")) && QFile::copy("/bin/sh", host));
         QProcessEnvironment env = environment();
-        env.insert(QStringLiteral("CLAUDE_CODE_ENTRYPOINT"), QStringLiteral("claude-vscode"));
-        QCOMPARE(run(host,
-                     {QStringLiteral("-c"), hookLine(QStringLiteral("in-editor"))
-                                                .replace(QLatin1String("sleep 600"), QLatin1String(":"))},
-                     env)
-                     .exitCode,
-                 0);
+        env.insert("CLAUDE_CODE_ENTRYPOINT", "claude-vscode");
+        QCOMPARE(run(host, {"-c", hookLine("in-editor", ":")}, env).first, 0);
 
-        QCOMPARE(jump(QStringLiteral("in-editor"), environment()).err, QString());
-        QDeadlineTimer deadline(kTimeoutMs);
-        while (argumentsSeenBy(QStringLiteral("xdg-open")).isEmpty() && !deadline.hasExpired())
-            QThread::msleep(20);
-        QCOMPARE(argumentsSeenBy(QStringLiteral("cursor")), QStringList{QStringLiteral("/work/alpha")});
-        QCOMPARE(argumentsSeenBy(QStringLiteral("xdg-open")),
-                 QStringList{QStringLiteral("cursor://anthropic.claude-code/open?session=in-editor")});
+        QCOMPARE(jump("in-editor", environment()).second, QString());
+        QTRY_VERIFY_WITH_TIMEOUT(!argumentsSeenBy("xdg-open").isEmpty(), kTimeoutMs);
+        QCOMPARE(argumentsSeenBy("cursor"), QStringList{"/work/alpha"});
+        QCOMPARE(argumentsSeenBy("xdg-open"),
+                 QStringList{"cursor://anthropic.claude-code/open?session=in-editor"});
     }
 
     void konsoleIsAskedOverDBus()
     {
-        if (QStandardPaths::findExecutable(QStringLiteral("dbus-daemon")).isEmpty())
-            QSKIP("dbus-daemon is not installed");
-        QProcess* daemon = startBackground(
-            QStringLiteral("dbus-daemon"),
-            {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address=1")},
-            environment());
-        QTRY_VERIFY_WITH_TIMEOUT(daemon->canReadLine(), kTimeoutMs);
-        const QString address = QString::fromUtf8(daemon->readLine()).trimmed();
-        QDBusConnection bus = QDBusConnection::connectToBus(address, QStringLiteral("konsole-stand-in"));
-        QVERIFY(bus.isConnected());
+        if (QStandardPaths::findExecutable("dbus-daemon").isEmpty()) QSKIP("dbus-daemon is not installed");
+        const QString address = startSessionBus(background(environment()));
+        QVERIFY(!address.isEmpty());
+        QDBusConnection bus = QDBusConnection::connectToBus(address, "konsole-stand-in");
         KonsoleWindow window;
-        QVERIFY(bus.registerObject(QStringLiteral("/Windows/2"), &window, QDBusConnection::ExportAllSlots));
-        QVERIFY(bus.registerService(QStringLiteral("org.kde.konsole-4242")));
+        QVERIFY(bus.registerObject("/Windows/2", &window, QDBusConnection::ExportAllSlots));
+        QVERIFY(bus.registerService("org.kde.konsole-4242"));
 
         QProcessEnvironment env = environment();
-        env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), address);
-        QProcessEnvironment inKonsole = env;
-        inKonsole.insert(QStringLiteral("KONSOLE_DBUS_SERVICE"), QStringLiteral("org.kde.konsole-4242"));
-        inKonsole.insert(QStringLiteral("KONSOLE_DBUS_SESSION"), QStringLiteral("/Sessions/5"));
-        inKonsole.insert(QStringLiteral("KONSOLE_DBUS_WINDOW"), QStringLiteral("/Windows/2"));
-        QCOMPARE(
-            run(kBin + QStringLiteral("/skeldrin-hook"), {}, inKonsole, payload(QStringLiteral("in-konsole")))
-                .exitCode,
-            0);
+        env.insert("DBUS_SESSION_BUS_ADDRESS", address);
+        recordWith("in-konsole",
+                   {"DBUS_SESSION_BUS_ADDRESS=" + address, "KONSOLE_DBUS_SERVICE=org.kde.konsole-4242",
+                    "KONSOLE_DBUS_SESSION=/Sessions/5", "KONSOLE_DBUS_WINDOW=/Windows/2"});
 
         // The stand-in answers from this event loop, so the jump runs alongside it.
         QProcess jumping;
         jumping.setProcessEnvironment(env);
-        jumping.start(kBin + QStringLiteral("/skeldrin"),
-                      {QStringLiteral("jump"), QStringLiteral("in-konsole")});
+        jumping.start(kBin + "/skeldrin", {"jump", "in-konsole"});
         QTRY_VERIFY_WITH_TIMEOUT(jumping.state() == QProcess::NotRunning, kTimeoutMs);
         QCOMPARE(jumping.readAllStandardError(), QByteArray());
         QCOMPARE(jumping.exitCode(), 0);
         QCOMPARE(window.shown, 5);
-        QDBusConnection::disconnectFromBus(QStringLiteral("konsole-stand-in"));
-    }
-
-    void badPlacesAreErrorsNotCommands()
-    {
-        standIn(QStringLiteral("kitty"));
-        recordWith(QStringLiteral("hostile"),
-                   {{QStringLiteral("KITTY_WINDOW_ID"), QStringLiteral("7 --all")}});
-        recordWith(QStringLiteral("no-remote"), {{QStringLiteral("KITTY_WINDOW_ID"), QStringLiteral("3")}});
-        recordWith(QStringLiteral("nowhere"), {});
-        const Outcome hostile = jump(QStringLiteral("hostile"), environment());
-        QCOMPARE(hostile.exitCode, 1);
-        QCOMPARE(
-            hostile.err,
-            QStringLiteral("Couldn't open alpha: This session recorded an unexpected kitty window: 7 --all"));
-        QVERIFY(argumentsSeenBy(QStringLiteral("kitty")).isEmpty());
-
-        QFile::remove(path(QStringLiteral("bin/kitty")));
-        QProcessEnvironment withoutKitty = environment();
-        withoutKitty.insert(QStringLiteral("PATH"), path(QStringLiteral("bin")));
-        const Outcome missing = jump(QStringLiteral("no-remote"), withoutKitty);
-        QCOMPARE(missing.exitCode, 1);
-        QVERIFY2(missing.err.contains(QStringLiteral("Couldn't run kitty")), qPrintable(missing.err));
-        QVERIFY(!sessionFile(QStringLiteral("no-remote")).contains("\"seenAt\""));
-
-        const Outcome nowhere = jump(QStringLiteral("nowhere"), environment());
-        QCOMPARE(nowhere.exitCode, 1);
-        QCOMPARE(nowhere.err, QStringLiteral("Couldn't open alpha: This session didn't say where it was "
-                                             "started, so there's nothing to open."));
-        QCOMPARE(jump(QStringLiteral("never-seen"), environment()).exitCode, 1);
+        QDBusConnection::disconnectFromBus("konsole-stand-in");
     }
 
     void aHungProgramIsKilledWhileTheEventLoopTurns()
     {
-        standIn(QStringLiteral("tmux"), QStringLiteral("exec sleep 60"));
+        QVERIFY(writeScript(path("bin/tmux"), "exec sleep 60"));
         const QByteArray searchPath = qgetenv("PATH");
-        qputenv("PATH", path(QStringLiteral("bin")).toUtf8() + ':' + searchPath);
+        qputenv("PATH", path("bin").toUtf8() + ':' + searchPath);
         skeldrin::Origin origin;
-        origin.tmuxSocket = path(QStringLiteral("tmux.sock")).toStdString();
+        origin.tmuxSocket = path("tmux.sock").toStdString();
         origin.tmuxPane = "%3";
         const skeldrin::Session session("hung", "claude", "/work/alpha", origin, std::nullopt, {});
 
@@ -351,99 +248,76 @@ class JumpLinuxTests : public QObject {
         QCOMPARE(*error, QStringLiteral("tmux didn't answer in time."));
     }
 
-    void x11TerminalWindowsComeForwardEvenWhenMinimized()
+    void terminalWindowsAndTmuxPanesComeForwardEvenWhenMinimized()
     {
         for (const char* tool : {"Xvfb", "openbox", "xterm", "xdotool"})
             if (QStandardPaths::findExecutable(QString::fromLatin1(tool)).isEmpty())
                 QSKIP(qPrintable(QStringLiteral("%1 is not installed").arg(QLatin1String(tool))));
         QProcessEnvironment env = environment();
-        QProcess* server =
-            startBackground(QStringLiteral("Xvfb"),
-                            {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"),
-                             QStringLiteral("0"), QStringLiteral("1024x768x24"), QStringLiteral("-nolisten"),
-                             QStringLiteral("tcp")},
-                            env);
-        QByteArray number;
-        QDeadlineTimer deadline(kTimeoutMs);
-        while (!number.contains('\n') && !deadline.hasExpired()) {
-            server->waitForReadyRead(100);
-            number += server->readAllStandardOutput();
-        }
-        QVERIFY2(number.contains('\n'), "Xvfb did not start");
-        env.insert(QStringLiteral("DISPLAY"), QStringLiteral(":") + QString::fromLatin1(number.trimmed()));
-        startBackground(QStringLiteral("openbox"), {}, env);
-        auto xdotool = [&](const QStringList& arguments) {
-            return run(QStringLiteral("xdotool"), arguments, env);
-        };
-        auto activeTitle = [&] {
-            return xdotool({QStringLiteral("getactivewindow"), QStringLiteral("getwindowname")}).out;
-        };
-        auto waitForTitle = [&](const QString& title) {
+        const QString display = startXvfb(background(env));
+        QVERIFY2(!display.isEmpty(), "Xvfb did not start");
+        env.insert("DISPLAY", display);
+        startBackground("openbox", {}, env);
+        const auto xdotool = [&](const QStringList& arguments) { return output("xdotool", arguments, env); };
+        const auto activeTitle = [&] { return xdotool(words("getactivewindow getwindowname")); };
+        const auto waitForTitle = [&](const QString& title) {
             QDeadlineTimer until(kTimeoutMs);
             while (!until.hasExpired() && activeTitle() != title)
                 QThread::msleep(50);
             return activeTitle();
         };
         // Made active by xdotool, retried: a window just mapped may not be managed yet.
-        auto bringForward = [&](const QString& title) {
+        const auto bringForward = [&](const QString& title) {
             QDeadlineTimer until(kTimeoutMs);
             while (!until.hasExpired() && activeTitle() != title) {
-                const QStringList windows =
-                    xdotool({QStringLiteral("search"), QStringLiteral("--onlyvisible"),
-                             QStringLiteral("--name"), QLatin1Char('^') + title + QLatin1Char('$')})
-                        .out.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-                for (const QString& window : windows)
-                    xdotool({QStringLiteral("windowactivate"), window});
+                for (const QString& window : words(xdotool(words("search --onlyvisible --name")
+                                                           << QLatin1Char('^') + title + QLatin1Char('$'))))
+                    xdotool({"windowactivate", window});
                 QThread::msleep(100);
             }
             return activeTitle();
         };
+        const auto xterm = [&](const QString& title, const QStringList& command) {
+            startBackground("xterm", QStringList{"-title", title, "-e"} + command, env);
+        };
         // The window manager is ready once it has announced itself on the root window.
-        QDeadlineTimer managed(kTimeoutMs);
-        while (!managed.hasExpired() &&
-               !run(QStringLiteral("xprop"),
-                    {QStringLiteral("-root"), QStringLiteral("_NET_SUPPORTING_WM_CHECK")}, env)
-                    .out.contains(QLatin1String("window id")))
+        for (QDeadlineTimer managed(kTimeoutMs);
+             !managed.hasExpired() && !output("xprop", words("-root _NET_SUPPORTING_WM_CHECK"), env)
+                                           .contains(QLatin1String("window id"));)
             QThread::msleep(50);
-        startBackground(QStringLiteral("xterm"),
-                        {QStringLiteral("-title"), QStringLiteral("hooked"), QStringLiteral("-e"),
-                         QStringLiteral("sh"), QStringLiteral("-c"), hookLine(QStringLiteral("in-xterm"))},
-                        env);
-        QVERIFY(waitForSession(QStringLiteral("in-xterm")));
-        startBackground(QStringLiteral("xterm"),
-                        {QStringLiteral("-title"), QStringLiteral("other"), QStringLiteral("-e"),
-                         QStringLiteral("sleep"), QStringLiteral("600")},
-                        env);
-        QCOMPARE(bringForward(QStringLiteral("other")), QStringLiteral("other"));
+        xterm("hooked", {"sh", "-c", hookLine("in-xterm")});
+        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(sessionPath("in-xterm")), kTimeoutMs);
+        xterm("other", words("sleep 600"));
+        QCOMPARE(bringForward("other"), "other");
 
-        QCOMPARE(jump(QStringLiteral("in-xterm"), env).err, QString());
-        QCOMPARE(waitForTitle(QStringLiteral("hooked")), QStringLiteral("hooked"));
+        QCOMPARE(jump("in-xterm", env).second, QString());
+        QCOMPARE(waitForTitle("hooked"), "hooked");
+        xdotool(words("windowminimize --sync") << xdotool(words("getactivewindow")));
+        QCOMPARE(waitForTitle("other"), "other");
+        QCOMPARE(jump("in-xterm", env).first, 0);
+        QCOMPARE(waitForTitle("hooked"), "hooked");
 
-        const QString hooked = xdotool({QStringLiteral("getactivewindow")}).out;
-        xdotool({QStringLiteral("windowminimize"), QStringLiteral("--sync"), hooked});
-        QCOMPARE(waitForTitle(QStringLiteral("other")), QStringLiteral("other"));
-        QCOMPARE(jump(QStringLiteral("in-xterm"), env).exitCode, 0);
-        QCOMPARE(waitForTitle(QStringLiteral("hooked")), QStringLiteral("hooked"));
-
-        // A tmux pane: the terminal showing the attached client comes forward too.
-        const QString socket = path(QStringLiteral("tmux.sock"));
-        QCOMPARE(
-            run(QStringLiteral("tmux"),
-                {QStringLiteral("-S"), socket, QStringLiteral("-f"), QStringLiteral("/dev/null"),
-                 QStringLiteral("new-session"), QStringLiteral("-d"), hookLine(QStringLiteral("in-tmux"))},
-                env)
-                .exitCode,
-            0);
-        QVERIFY(waitForSession(QStringLiteral("in-tmux")));
-        startBackground(QStringLiteral("xterm"),
-                        {QStringLiteral("-title"), QStringLiteral("tmuxed"), QStringLiteral("-e"),
-                         QStringLiteral("tmux"), QStringLiteral("-S"), socket, QStringLiteral("attach")},
-                        env);
-        QCOMPARE(bringForward(QStringLiteral("tmuxed")), QStringLiteral("tmuxed"));
-        QCOMPARE(bringForward(QStringLiteral("other")), QStringLiteral("other"));
-        QCOMPARE(jump(QStringLiteral("in-tmux"), env).err, QString());
-        QCOMPARE(waitForTitle(QStringLiteral("tmuxed")), QStringLiteral("tmuxed"));
-        run(QStringLiteral("tmux"), {QStringLiteral("-S"), socket, QStringLiteral("kill-server")}, env);
+        // A tmux pane among others: exactly that pane is selected, and the terminal showing the attached
+        // client comes forward too.
+        const QStringList socket{"-S", path("tmux.sock")};
+        const auto tmux = [&](const QStringList& arguments) {
+            return output("tmux", socket + arguments, env);
+        };
+        QCOMPARE(run("tmux", socket + words("-f /dev/null new-session -d -s work"), env).first, 0);
+        tmux(words("new-window -t work"));
+        const QString hooked = tmux(words("split-window -P -F #{pane_id}") << hookLine("in-tmux"));
+        QVERIFY(!hooked.isEmpty());
+        tmux(words("split-window"));
+        tmux(words("new-window -t work"));
+        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(sessionPath("in-tmux")), kTimeoutMs);
+        xterm("tmuxed", QStringList{"tmux"} + socket + words("attach"));
+        QCOMPARE(bringForward("tmuxed"), "tmuxed");
+        QVERIFY(tmux(words("display -p #{pane_id}")) != hooked);
+        QCOMPARE(bringForward("other"), "other");
+        QCOMPARE(jump("in-tmux", env).second, QString());
+        QCOMPARE(waitForTitle("tmuxed"), "tmuxed");
+        QCOMPARE(tmux(words("display -p #{pane_id}")), hooked);
+        tmux(words("kill-server"));
     }
 };
 

@@ -33,11 +33,6 @@ ListedSession listed(const std::string& id, const Row& row)
     return {s, row.role, row.waitingOnRuns ? Shade::waitingOnRuns() : Shade::of(row.status), 0, false};
 }
 
-std::string nameOf(const Session& s)
-{
-    return "name of " + s.id;
-}
-
 void append(NotificationRules::Step& to, const NotificationRules::Step& from)
 {
     to.show.insert(to.show.end(), from.show.begin(), from.show.end());
@@ -60,7 +55,8 @@ struct Fed {
     }
     NotificationRules::Step at(const std::vector<ListedSession>& list, bool finishedOn)
     {
-        return rules.next(list, waitingOn, finishedOn, nameOf, now);
+        return rules.next(
+            list, waitingOn, finishedOn, [](const Session& s) { return "name of " + s.id; }, now);
     }
 };
 
@@ -87,27 +83,26 @@ class NotificationRulesTests : public QObject {
         QTest::addColumn<bool>("finishedOn");
         QTest::addColumn<QString>("body"); // empty: no notification
 
-        const auto main = [](Status s) { return Row{s}; };
-        QTest::newRow("running to waiting")
-            << main(Status::running) << main(Status::waiting) << false << "Bash: npm test · Ghostty";
+        using Role = ListedSession::Role;
+        const Row running{Status::running}, waiting{Status::waiting}, ready{Status::ready};
+        const QString asked = "Bash: npm test · Ghostty";
+        QTest::newRow("running to waiting") << running << waiting << false << asked;
         QTest::newRow("ready to several approvals")
-            << main(Status::ready) << main(Status::multiStepWaiting) << false << "Bash: npm test · Ghostty";
+            << ready << Row{Status::multiStepWaiting} << false << asked;
         QTest::newRow("waiting to several approvals is the same wait")
-            << main(Status::waiting) << main(Status::multiStepWaiting) << false << "";
-        QTest::newRow("finished, setting off") << main(Status::running) << main(Status::ready) << false << "";
+            << waiting << Row{Status::multiStepWaiting} << false << "";
+        QTest::newRow("finished, setting off") << running << ready << false << "";
         QTest::newRow("finished, setting on")
-            << main(Status::running) << main(Status::ready) << true << "Finished: fix the build · Ghostty";
-        QTest::newRow("answered to ready is not a finish")
-            << main(Status::waiting) << main(Status::ready) << true << "";
+            << running << ready << true << "Finished: fix the build · Ghostty";
+        QTest::newRow("answered to ready is not a finish") << waiting << ready << true << "";
         QTest::newRow("still waiting on its runs")
-            << main(Status::running) << Row{Status::ready, ListedSession::Role::main, std::nullopt, true}
-            << true << "";
-        QTest::newRow("child run") << Row{Status::running, ListedSession::Role::child}
-                                   << Row{Status::waiting, ListedSession::Role::child} << false << "";
-        QTest::newRow("detached run") << Row{Status::running, ListedSession::Role::detached}
-                                      << Row{Status::waiting, ListedSession::Role::detached} << false << "";
-        QTest::newRow("headless") << Row{Status::running, ListedSession::Role::main, "sdk-py"}
-                                  << Row{Status::waiting, ListedSession::Role::main, "sdk-py"} << false << "";
+            << running << Row{Status::ready, Role::main, {}, true} << true << "";
+        QTest::newRow("child run") << Row{Status::running, Role::child} << Row{Status::waiting, Role::child}
+                                   << false << "";
+        QTest::newRow("detached run")
+            << Row{Status::running, Role::detached} << Row{Status::waiting, Role::detached} << false << "";
+        QTest::newRow("headless") << Row{Status::running, Role::main, "sdk-py"}
+                                  << Row{Status::waiting, Role::main, "sdk-py"} << false << "";
     }
 
     void transitions()
@@ -132,31 +127,26 @@ class NotificationRulesTests : public QObject {
         QCOMPARE(keys(rules({listed("s", after)}, finishedOn)), std::string());
     }
 
-    void whatWasSoAtStartNeverNotifies()
+    void notifiesWhatBecameSoSinceStartAndWithdrawsWhenNoLongerSo()
     {
         Fed rules;
-        QCOMPARE(keys(rules({listed("a", {Status::waiting})}, true)), std::string());
-        QCOMPARE(keys(rules({listed("a", {Status::waiting})}, true)), std::string());
-        // A session that appears later already waiting does notify; one appearing ready does not.
-        const auto step = rules(
-            {listed("a", {Status::waiting}), listed("b", {Status::waiting}), listed("c", {Status::ready})},
-            true);
-        QCOMPARE(keys(step), std::string("b"));
-    }
-
-    void withdrawsWhenNoLongerSo()
-    {
-        Fed rules;
-        rules({}, true);
-        rules({listed("run", {}), listed("gone", {}), listed("closed", {})}, true);
-        const std::vector<ListedSession> waiting{listed("run", {Status::waiting}),
-                                                 listed("gone", {Status::waiting}),
-                                                 listed("closed", {Status::waiting})};
-        QCOMPARE(keys(rules(waiting, true)), std::string("closed gone run"));
+        // "a" waits from the start on.
+        const auto as = [](Status status, const std::vector<std::string>& ids) {
+            std::vector<ListedSession> list{listed("a", {Status::waiting})};
+            for (const std::string& id : ids)
+                list.push_back(listed(id, {status}));
+            return list;
+        };
+        QCOMPARE(keys(rules(as(Status::waiting, {}), true)), std::string());
+        QCOMPARE(keys(rules(as(Status::waiting, {}), true)), std::string());
+        rules(as(Status::running, {"run", "gone", "closed"}), true);
+        // Sessions that appear waiting notify; one appearing ready does not.
+        std::vector<ListedSession> list = as(Status::waiting, {"b", "run", "gone", "closed"});
+        list.push_back(listed("c", {Status::ready}));
+        QCOMPARE(keys(rules(list, true)), std::string("b closed gone run"));
         rules.rules.forget("closed"); // the user closed it: nothing left to withdraw
-        const auto step =
-            rules({listed("run", {Status::running}), listed("closed", {Status::running})}, true);
-        QCOMPARE(step.withdraw, (std::vector<std::string>{"gone", "run"}));
+        const auto step = rules(as(Status::running, {"b", "run", "closed"}), true);
+        QCOMPARE(step.withdraw, (std::vector<std::string>{"b", "gone", "run"}));
         QVERIFY(step.show.empty());
     }
 

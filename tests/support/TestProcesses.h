@@ -97,4 +97,42 @@ inline void stopAll(std::initializer_list<QProcess*> processes)
     }
 }
 
+// What a program printed and how it ended; exit code -1 when it did not start, crashed or hung.
+struct Ran {
+    int exitCode = -1;
+    QByteArray out, err;
+};
+
+// Runs a program to its end with `input` on its standard input.
+inline Ran runToEnd(const QString& program, const QStringList& arguments, const QProcessEnvironment& env,
+                    const QByteArray& input = {}, int timeoutMs = 30000)
+{
+    QProcess process;
+    process.setProcessEnvironment(env);
+    process.start(program, arguments);
+    if (!process.waitForStarted(timeoutMs)) return {};
+    process.write(input);
+    process.closeWriteChannel();
+    if (!process.waitForFinished(timeoutMs)) {
+        process.kill();
+        process.waitForFinished();
+        return {};
+    }
+    if (process.exitStatus() != QProcess::NormalExit) return {};
+    return {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
+}
+
+// The home's variables and `searchPath` only: nothing the tests were started with (a terminal, a
+// multiplexer, a bus) leaks into what a child records.
+inline QProcessEnvironment bareEnvironment(const TempHome& home, const QString& searchPath)
+{
+    const QProcessEnvironment full = home.environment();
+    QProcessEnvironment env;
+    for (const char* key :
+         {"HOME", "XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_RUNTIME_DIR", "SKELDRIN_UPDATE_URL"})
+        env.insert(QLatin1String(key), full.value(QLatin1String(key)));
+    env.insert(QStringLiteral("PATH"), searchPath);
+    return env;
+}
+
 } // namespace skeldrin::test
