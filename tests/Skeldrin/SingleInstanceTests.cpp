@@ -1,32 +1,22 @@
-#include <QDir>
-#include <QProcess>
-#include <QSettings>
-#include <QTemporaryDir>
+#include "tests/support/TestProcesses.h"
+
 #include <QtTest>
 #include <csignal>
+
+using skeldrin::test::TempHome;
 
 // Two real `skeldrin` processes against one home: the second start hands over and leaves.
 class SingleInstanceTests : public QObject {
     Q_OBJECT
 
-    QTemporaryDir home;
-
-    QProcessEnvironment environment() const
-    {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("HOME"), home.path());
-        env.insert(QStringLiteral("XDG_DATA_HOME"), home.filePath(QStringLiteral("data")));
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral("config")));
-        env.insert(QStringLiteral("XDG_RUNTIME_DIR"), home.filePath(QStringLiteral("run")));
-        env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-        env.insert(QStringLiteral("SKELDRIN_UPDATE_URL"), QString()); // no update check: no network
-        return env;
-    }
+    TempHome home;
 
     std::unique_ptr<QProcess> start()
     {
         auto process = std::make_unique<QProcess>();
-        process->setProcessEnvironment(environment());
+        QProcessEnvironment env = home.environment();
+        env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+        process->setProcessEnvironment(env);
         process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
         process->start(QStringLiteral(SKELDRIN_BIN_DIR "/skeldrin"), {});
         if (!process->waitForStarted()) qFatal("skeldrin did not start");
@@ -35,43 +25,27 @@ class SingleInstanceTests : public QObject {
 
     bool locked() const
     {
-        return !QDir(home.filePath(QStringLiteral("run")))
-                    .entryList({QStringLiteral("skeldrin-*.lock")}, QDir::Files)
+        return !QDir(home.path(QStringLiteral("run")))
+                    .entryList({QStringLiteral("skeldrin-*.lock")})
                     .isEmpty();
     }
 
-    QVariant widgetVisible() const
-    {
-        QSettings settings(home.filePath(QStringLiteral("config/Skeldrin/Skeldrin.conf")),
-                           QSettings::IniFormat);
-        return settings.value(QStringLiteral("widget.visible"));
-    }
-
-    void setWidgetHidden()
-    {
-        QSettings settings(home.filePath(QStringLiteral("config/Skeldrin/Skeldrin.conf")),
-                           QSettings::IniFormat);
-        settings.setValue(QStringLiteral("widget.visible"), false);
-    }
-
-    // A second start must leave at once with status 0, and the first one then shows its widget.
+    // A second start leaves at once with status 0, and the running one shows its widget.
     void expectHandOver(QProcess& running)
     {
-        setWidgetHidden();
+        home.setSetting(QStringLiteral("widget.visible"), false);
         auto second = start();
         QVERIFY(second->waitForFinished(20000));
         QCOMPARE(second->exitStatus(), QProcess::NormalExit);
         QCOMPARE(second->exitCode(), 0);
         QCOMPARE(running.state(), QProcess::Running);
-        QTRY_COMPARE_WITH_TIMEOUT(widgetVisible().toString(), QStringLiteral("true"), 20000);
+        QTRY_COMPARE_WITH_TIMEOUT(home.setting(QStringLiteral("widget.visible")).toString(),
+                                  QStringLiteral("true"), 20000);
     }
 
   private Q_SLOTS:
     void secondStartHandsOverAndAStaleSocketIsTakenOver()
     {
-        QDir().mkpath(home.filePath(QStringLiteral("run")));
-        QFile::setPermissions(home.filePath(QStringLiteral("run")),
-                              QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
         auto first = start();
         QTRY_VERIFY_WITH_TIMEOUT(locked(), 20000);
         expectHandOver(*first);
