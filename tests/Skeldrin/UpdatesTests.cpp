@@ -113,28 +113,27 @@ void UpdatesTests::versionOrder_data()
 {
     QTest::addColumn<QString>("a");
     QTest::addColumn<QString>("b");
-    QTest::addColumn<bool>("older"); // isOlder(a, b)
-    QTest::addColumn<bool>("newer"); // isOlder(b, a)
+    QTest::addColumn<bool>("older"); // isOlder(a, b); never isOlder(b, a)
     const struct {
         const char *name, *a, *b;
-        bool older, newer;
+        bool older;
     } rows[] = {
-        {"numeric, not textual", "1.2", "1.10", true, false},
-        {"missing pieces are 0", "1.2", "1.2.0", false, false},
-        {"first difference decides", "2.0.9", "2.1", true, false},
-        {"equal", "1.4.2", "1.4.2", false, false},
-        {"empty text is 0", "", "0.0.1", true, false},
-        {"only a dot", ".", "0", false, false},
-        {"empty pieces dropped", "1..2", "1.2", false, false},
-        {"prefix makes the piece 0", "v1.2", "0.2", false, false},
-        {"suffix makes the piece 0", "1.2-beta", "1.1", true, false},
-        {"overflow counts as 0", "99999999999999999999", "1", true, false},
-        {"largest 64-bit piece", "9223372036854775807", "9223372036854775806", false, true},
-        {"signed pieces", "-1", "0", true, false},
-        {"space is not a number", " 3", "1", true, false},
+        {"numeric, not textual", "1.2", "1.10", true},
+        {"missing pieces are 0", "1.2", "1.2.0", false},
+        {"first difference decides", "2.0.9", "2.1", true},
+        {"equal", "1.4.2", "1.4.2", false},
+        {"empty text is 0", "", "0.0.1", true},
+        {"only a dot", ".", "0", false},
+        {"empty pieces dropped", "1..2", "1.2", false},
+        {"prefix makes the piece 0", "v1.2", "0.2", false},
+        {"suffix makes the piece 0", "1.2-beta", "1.1", true},
+        {"overflow counts as 0", "99999999999999999999", "1", true},
+        {"largest 64-bit piece", "9223372036854775806", "9223372036854775807", true},
+        {"signed pieces", "-1", "0", true},
+        {"space is not a number", " 3", "1", true},
     };
     for (const auto& r : rows)
-        QTest::newRow(r.name) << QString(r.a) << QString(r.b) << r.older << r.newer;
+        QTest::newRow(r.name) << QString(r.a) << QString(r.b) << r.older;
 }
 
 void UpdatesTests::versionOrder()
@@ -142,9 +141,8 @@ void UpdatesTests::versionOrder()
     QFETCH(QString, a);
     QFETCH(QString, b);
     QFETCH(bool, older);
-    QFETCH(bool, newer);
     QCOMPARE(AppVersion::isOlder(a, b), older);
-    QCOMPARE(AppVersion::isOlder(b, a), newer);
+    QVERIFY(!AppVersion::isOlder(b, a));
 }
 
 void UpdatesTests::manifestDecoding_data()
