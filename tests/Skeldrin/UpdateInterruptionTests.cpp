@@ -2,6 +2,7 @@
 // downloaded, once it is renamed into place, and once the installer has started. The next start must take
 // no half file for whole, and the installed app is never touched by any of it.
 #include "support/LoopbackHttpServer.h"
+#include "support/TestProcesses.h"
 
 #include <QtTest>
 
@@ -20,15 +21,6 @@ QByteArray readAll(const QString& path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-void writeFile(const QString& path, const QByteArray& bytes, bool executable = false)
-{
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    file.write(bytes);
-    file.close();
-    if (executable) QVERIFY(file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
-}
-
 } // namespace
 
 class UpdateInterruptionTests : public QObject {
@@ -45,22 +37,19 @@ class UpdateInterruptionTests : public QObject {
     {
         QFETCH(QString, step);
         QTemporaryDir dir;
-        const QByteArray installed = "#!/bin/sh\necho skeldrin 1.0.0\n";
-        writeFile(dir.filePath("skeldrin"), installed, true);
-        writeFile(dir.filePath("installer"), "#!/bin/sh\necho \"$1\" > \"$0.ran\"\n", true);
+        QVERIFY(skeldrin::test::writeScript(dir.filePath("skeldrin"), "echo skeldrin 1.0.0"));
+        const QByteArray installed = readAll(dir.filePath("skeldrin"));
+        QVERIFY(skeldrin::test::writeScript(dir.filePath("installer"), "echo \"$1\" > \"$0.ran\""));
         QByteArray package(256 * 1024, 'p');
         package.append("end of the package");
 
         LoopbackHttpServer server;
         QVERIFY(server.listening());
+        const QJsonObject manifest{{"latest", "2.0.0"},
+                                   {"url", "https://s.example/download"},
+                                   {"linuxPackage", server.url("/s.deb").toString()}};
         server.serve("/version.json",
-                     Response{200,
-                              QJsonDocument(QJsonObject{{"latest", "2.0.0"},
-                                                        {"url", "https://s.example/download"},
-                                                        {"linuxPackage", server.url("/s.deb").toString()}})
-                                  .toJson(),
-                              {},
-                              Response::Ending::complete});
+                     Response{200, QJsonDocument(manifest).toJson(), {}, Response::Ending::complete});
         const bool stall = step == QLatin1String("download");
         server.serve("/s.deb",
                      stall ? Response{200, package.left(package.size() / 2), {}, Response::Ending::stalled}
@@ -108,6 +97,27 @@ class UpdateInterruptionTests : public QObject {
         QCOMPARE(readAll(dir.filePath("opened")), final.toUtf8() + '\n');
         QCOMPARE(readAll(final), package);
         QCOMPARE(readAll(dir.filePath("skeldrin")), installed);
+    }
+
+    void relaunchStartsTheInstalledCopyOnceThisOneHasEnded()
+    {
+        // The copy records whether the process that relaunched it (its pid in a file) was still there.
+        QTemporaryDir dir;
+        QVERIFY(skeldrin::test::writeScript(
+            dir.filePath("skeldrin"),
+            "kill -0 \"$(cat \"$0.pid\")\" 2>/dev/null && echo running > \"$0.ran\" || "
+            "echo \"$# arguments\" > \"$0.ran\""));
+        QProcess probe;
+        probe.start(SKELDRIN_UPDATE_PROBE, {QString(), dir.path(), "relaunch"});
+        QVERIFY(probe.waitForStarted(kWaitMs));
+        QFile pid(dir.filePath("skeldrin.pid"));
+        QVERIFY(pid.open(QIODevice::WriteOnly));
+        pid.write(QByteArray::number(probe.processId()));
+        pid.close();
+        QVERIFY(probe.waitForFinished(kWaitMs));
+        QCOMPARE(probe.exitCode(), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(readAll(dir.filePath("skeldrin.ran")), QByteArray("0 arguments\n"),
+                                  kWaitMs);
     }
 };
 

@@ -1,7 +1,8 @@
 // The updater in a process of its own, for tests that kill it at each step: checks the site given, downloads
 // the package into <folder>/cache/updates and hands it over. Handing over appends the file to
 // <folder>/opened; with step "renamed" the process then dies at once (SIGKILL), with "installer" it first
-// starts <folder>/installer on the file, as the desktop would. Usage: UpdateProbe <site> <folder> <step>
+// starts <folder>/installer on the file, as the desktop would. With step "relaunch" it only starts the
+// installed copy <folder>/skeldrin as an update does, and exits. Usage: UpdateProbe <site> <folder> <step>
 #include "Skeldrin/model/Updates.h"
 #include "Skeldrin/platform/UpdateInstaller.h"
 
@@ -18,6 +19,13 @@ int main(int argc, char** argv)
     QCoreApplication app(argc, argv);
     if (argc != 4) return 2;
     const QString folder = QString::fromLocal8Bit(argv[2]), step = QString::fromLocal8Bit(argv[3]);
+
+    if (step == QLatin1String("relaunch")) {
+        platform::launchInstalledCopy(
+            QDir(folder).filePath(QStringLiteral("skeldrin")), &app,
+            [](std::optional<QString> error) { QCoreApplication::exit(error ? 6 : 0); });
+        return app.exec();
+    }
 
     Updates::Dependencies deps;
     deps.baseAddress = QString::fromLocal8Bit(argv[1]);

@@ -28,28 +28,29 @@ TEST(JsonScan, AcceptsExactlyWhatAFullParserAccepts)
 {
     // Every case is an object wrapping the interesting part, so shape is never the reason.
     const std::string cases[] = {
-        R"("s")", R"("a\"b\\c\/\b\f\n\r\t")", R"("\u00e9\uD83D\uDE00")", "\"\xc3\xa9\xf0\x9f\x98\x80\"",
-        "[]", "[1,-0,0.5,1e10,-2.5E-3,true,false,null]", R"({"a":{"b":[{}]}})", " \t\r\n1 ",
+        R"("s")", R"("a\"b\\c\/\b\f\n\r\t")", R"("\u00e9\uD83D\uDE00\uDBFF\uDFFF")",
+        "\"\xc3\xa9\xf0\x9f\x98\x80\"", "[]", "[1,-0,0.5,1e10,-2.5E-3,true,false,null]",
+        R"({"a":{"b":[{}]}})", " \t\r\n1 ",
         // and what must fail:
         R"("\uD83D")", R"("\uDE00")", R"("\uD83D\u0041")", R"("\x")", R"("\u12")", "\"a\x01b\"", "\"\xff\"",
         "\"\xc0\xaf\"", "\"\xed\xa0\x80\"", "\"\xf4\x90\x80\x80\"", "\"\xe2\x82\"", "01", "1.", ".5", "1e",
         "+1", "-", "[1,]", "[,1]", R"({"a" 1})", R"({"a":1,})", "tru", "nul", "[1 2]", "\"unterminated",
-        R"({1:2})", "NaN", "[1]]",
-    };
+        R"({1:2})", "NaN", "[1]]"};
     for (const auto& inner : cases) {
         const std::string doc = "{\"k\":" + inner + "}";
         EXPECT_EQ(scans(doc), Json::accept(doc)) << doc;
     }
     // Whole documents: valid objects pass, everything else (also valid non-objects) fails.
-    for (const std::string whole : {"", "   ", "{", "{}", "{} {}", "{}x", "{\"a\":1}\n", "[]", "\"s\"", "\xef\xbb\xbf{}"})
+    for (const std::string whole :
+         {"", "   ", "{", "{}", "{} {}", "{}x", "{\"a\":1}\n", "[]", "\"s\"", "\xef\xbb\xbf{}"})
         EXPECT_EQ(scans(whole), Json::accept(whole) && Json::parse(whole).is_object()) << whole;
     EXPECT_FALSE(scans(std::string(100000, '[') + std::string(100000, ']'))); // too deep, but no crash
 
     // Long strings are checked 64 bytes at a time: each piece at every place around those blocks, in the
     // middle of a string and just before its end.
-    for (const std::string piece : {R"(\\\")", R"(\\)", R"(\u2028)", R"(\ud83d\ude00)", "\xf0\x9f\x9a\x80",
-                                    "\xe6\x97\xa5", "\xc3\xa9", R"(\")", "\xed\xa0\x80", "\xe2\x82", R"(\)", "\x1f",
-                                    R"(\q)", R"(\u12)", "\xc3"}) {
+    for (const std::string piece :
+         {R"(\\\")", R"(\\)", R"(\u2028)", R"(\ud83d\ude00)", "\xf0\x9f\x9a\x80", "\xe6\x97\xa5", "\xc3\xa9",
+          R"(\")", "\xed\xa0\x80", "\xe2\x82", R"(\)", "\x1f", R"(\q)", R"(\u12)", "\xc3"}) {
         for (std::size_t at = 0; at < 140; ++at) {
             const std::string text = "{\"k\":\"" + std::string(at, 'a') + piece;
             for (const std::string& doc : {text + std::string(150, 'b') + "\"}", text + "\"}"})
@@ -81,21 +82,12 @@ json_scan::Reader piecewise(const std::string& text, std::size_t seed)
     };
 }
 
-// What a full parse and the typed decoding of the whole document give.
-std::optional<HookEvent> fullDecode(const std::string& payload)
+// The event `decode` gives, or nothing when it throws `Error`.
+template <typename Error = DecodingError, typename Decode> std::optional<HookEvent> decoded(Decode decode)
 {
     try {
-        return HookEvent::fromJson(Json::parse(payload));
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
-}
-
-std::optional<HookEvent> streamedDecode(const json_scan::Reader& reader)
-{
-    try {
-        return HookEvent::read(reader);
-    } catch (const DecodingError&) {
+        return decode();
+    } catch (const Error&) {
         return std::nullopt;
     }
 }
@@ -129,8 +121,7 @@ TEST(HookEventDecoding, StreamedDecodeMatchesAFullDecode)
         R"({"file_path":["x"]})",
         R"({"command":"a","command":"b"})",
         R"({"comm\u0061nd":"escaped name","file\u005fpath":"\u00e9\ud83d\ude00"})",
-        R"({"nested":{"command":"not this one"}})",
-    };
+        R"({"nested":{"command":"not this one"}})"};
     std::vector<std::string> payloads;
     for (const auto& input : toolInputs) {
         payloads.push_back("{" + head + R"(,"tool_input":)" + input + R"(,"tool_response":{"content":)" +
@@ -152,13 +143,10 @@ TEST(HookEventDecoding, StreamedDecodeMatchesAFullDecode)
 
     for (std::size_t i = 0; i < payloads.size(); ++i) {
         const auto& payload = payloads[i];
-        const auto expected = fullDecode(payload);
-        EXPECT_EQ(streamedDecode(piecewise(payload, i)), expected) << "payload " << i;
-        std::optional<HookEvent> inMemory;
-        try {
-            inMemory = HookEvent::decode(payload);
-        } catch (const DecodingError&) {
-        }
-        EXPECT_EQ(inMemory, expected) << "payload " << i;
+        const auto expected =
+            decoded<std::exception>([&] { return HookEvent::fromJson(Json::parse(payload)); });
+        EXPECT_EQ(decoded([&] { return HookEvent::read(piecewise(payload, i)); }), expected)
+            << "payload " << i;
+        EXPECT_EQ(decoded([&] { return HookEvent::decode(payload); }), expected) << "payload " << i;
     }
 }

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
@@ -16,7 +17,6 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -33,19 +33,9 @@ bool loaded = false;
 void parse(const char* text)
 {
     rule = Rule{};
-    if (!text || !*text) return;
-    std::vector<std::string> fields(1);
-    for (const char* c = text; *c; ++c) {
-        if (*c == ':')
-            fields.emplace_back();
-        else
-            fields.back() += *c;
-    }
-    fields.resize(4);
-    rule.call = fields[0];
-    rule.error = std::atoi(fields[1].c_str());
-    if (!fields[2].empty()) rule.skip = std::atol(fields[2].c_str());
-    if (!fields[3].empty()) rule.times = std::atol(fields[3].c_str());
+    char call[32] = "";
+    if (text) std::sscanf(text, "%31[^:]:%d:%ld:%ld", call, &rule.error, &rule.skip, &rule.times);
+    rule.call = call;
 }
 
 // Whether this call of `call` is to fail; sets errno when it is.
@@ -100,40 +90,19 @@ ssize_t write(int fd, const void* data, size_t size)
     return next(fd, data, size);
 }
 
-int fsync(int fd)
-{
-    if (fails("fsync")) return -1;
-    static const auto next = real<int (*)(int)>("fsync");
-    return next(fd);
-}
-
-int rename(const char* from, const char* to)
-{
-    if (fails("rename")) return -1;
-    static const auto next = real<int (*)(const char*, const char*)>("rename");
-    return next(from, to);
-}
-
-int link(const char* from, const char* to)
-{
-    if (fails("link")) return -1;
-    static const auto next = real<int (*)(const char*, const char*)>("link");
-    return next(from, to);
-}
-
-int unlink(const char* path)
-{
-    if (fails("unlink")) return -1;
-    static const auto next = real<int (*)(const char*)>("unlink");
-    return next(path);
-}
-
-int mkdir(const char* path, mode_t mode)
-{
-    if (fails("mkdir")) return -1;
-    static const auto next = real<int (*)(const char*, mode_t)>("mkdir");
-    return next(path, mode);
-}
+// These fail by the rule, or go on to the C library's.
+#define SKELDRIN_FAILING(call, params, args)                                                                 \
+    int call params                                                                                          \
+    {                                                                                                        \
+        if (fails(#call)) return -1;                                                                         \
+        static const auto next = real<int(*) params>(#call);                                                 \
+        return next args;                                                                                    \
+    }
+SKELDRIN_FAILING(fsync, (int fd), (fd))
+SKELDRIN_FAILING(rename, (const char* from, const char* to), (from, to))
+SKELDRIN_FAILING(link, (const char* from, const char* to), (from, to))
+SKELDRIN_FAILING(unlink, (const char* path), (path))
+SKELDRIN_FAILING(mkdir, (const char* path, mode_t mode), (path, mode))
 
 int flock(int fd, int operation)
 {
