@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -41,17 +40,11 @@ std::string readLine(int fd)
     return line;
 }
 
-// The probe in "wait" mode as a child of the test, alive until finish(): optionally in a session of
-// its own, with a controlling terminal, or with an environment of the test's choosing.
-struct ChildOptions {
-    bool newSession = false;
-    std::string terminal; // slave side to make the controlling terminal; implies newSession
-    std::optional<std::vector<std::string>> environment;
-};
-
+// The probe in "wait" mode as a child of the test in a session of its own, alive until finish():
+// optionally with a controlling terminal (the slave side of a pty) or an environment of the test's choosing.
 class Child {
-public:
-    explicit Child(const ChildOptions& options = {})
+  public:
+    explicit Child(const std::string& terminal = {}, std::optional<std::vector<std::string>> environment = {})
     {
         int input[2], output[2];
         if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0) return;
@@ -60,19 +53,18 @@ public:
         posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
         posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
         // Opened by a session leader without a terminal, the slave becomes its controlling terminal.
-        if (!options.terminal.empty())
-            posix_spawn_file_actions_addopen(&actions, 3, options.terminal.c_str(), O_RDWR, 0);
+        if (!terminal.empty()) posix_spawn_file_actions_addopen(&actions, 3, terminal.c_str(), O_RDWR, 0);
         posix_spawnattr_t attributes;
         posix_spawnattr_init(&attributes);
-        if (options.newSession || !options.terminal.empty())
-            posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
+        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
         std::vector<char*> envp;
-        if (options.environment)
-            for (const auto& entry : *options.environment) envp.push_back(const_cast<char*>(entry.c_str()));
+        if (environment)
+            for (auto& entry : *environment)
+                envp.push_back(entry.data());
         envp.push_back(nullptr);
         char* argv[] = {const_cast<char*>(kProbe), const_cast<char*>("wait"), nullptr};
-        if (::posix_spawn(&pid_, kProbe, &actions, &attributes, argv,
-                          options.environment ? envp.data() : environ) != 0)
+        if (::posix_spawn(&pid_, kProbe, &actions, &attributes, argv, environment ? envp.data() : environ) !=
+            0)
             pid_ = -1;
         posix_spawn_file_actions_destroy(&actions);
         posix_spawnattr_destroy(&attributes);
@@ -100,7 +92,7 @@ public:
         pid_ = -1;
     }
 
-private:
+  private:
     pid_t pid_ = -1;
     int input_ = -1;
     bool started_ = false;
@@ -109,7 +101,6 @@ private:
 // A made-up process table for the ancestor walk.
 struct Table {
     std::map<Pid, Record> records;
-    int lookups = 0;
 
     void add(Pid pid, Pid parentPid, std::string name)
     {
@@ -118,7 +109,6 @@ struct Table {
     Lookup lookup()
     {
         return [this](Pid pid) -> std::optional<Record> {
-            ++lookups;
             const auto found = records.find(pid);
             if (found == records.end()) return std::nullopt;
             return found->second;
@@ -146,62 +136,43 @@ TEST(ProcessInspectorLive, RefIdentifiesOneRunOfAProcess)
 {
     const auto self = ref(::getpid());
     ASSERT_TRUE(self);
-    EXPECT_EQ(self->pid, ::getpid());
     EXPECT_EQ(ref(::getpid()), self) << "the start time must come out the same on every reading";
     EXPECT_TRUE(isAlive(*self));
     // Same pid, another start time: a reused pid, not our process.
     EXPECT_FALSE(isAlive(ProcessRef{self->pid, self->startTime + 1}));
-    EXPECT_FALSE(isAlive(ProcessRef{self->pid, std::nextafter(self->startTime, 0.0)}));
 
     Child child;
     ASSERT_TRUE(child.started());
     const pid_t pid = child.pid();
     const auto started = ref(pid);
     ASSERT_TRUE(started);
-    EXPECT_EQ(started->pid, pid);
-    EXPECT_GE(started->startTime, self->startTime);
     EXPECT_TRUE(isAlive(*started));
-
     child.finish();
     EXPECT_FALSE(isAlive(*started));
     EXPECT_FALSE(ref(pid));
-    EXPECT_FALSE(controllingTTY(pid));
     EXPECT_FALSE(executablePath(pid));
     EXPECT_FALSE(startingEnvironment(pid));
-    EXPECT_FALSE(claude(pid));
 }
 
-TEST(ProcessInspectorLive, ControllingTerminal)
+TEST(ProcessInspectorLive, TerminalExecutableAndStartingEnvironment)
 {
-    Child detached({.newSession = true, .terminal = {}, .environment = {}});
+    Child detached({}, std::vector<std::string>{"SKELDRIN_PROBE=one", "EMPTY="});
     ASSERT_TRUE(detached.started());
     EXPECT_EQ(controllingTTY(detached.pid()), std::nullopt);
+    EXPECT_EQ(executablePath(detached.pid()), std::filesystem::canonical(kProbe).string());
+    EXPECT_EQ(startingEnvironment(detached.pid()), (Environment{{"SKELDRIN_PROBE", "one"}, {"EMPTY", ""}}));
 
     const int master = ::posix_openpt(O_RDWR | O_NOCTTY);
     ASSERT_GE(master, 0) << std::strerror(errno);
     ASSERT_EQ(::grantpt(master), 0);
     ASSERT_EQ(::unlockpt(master), 0);
-    const char* slave = ::ptsname(master);
-    ASSERT_NE(slave, nullptr);
-    const std::string slavePath = slave;
+    const std::string slave = ::ptsname(master);
     {
-        Child attached({.newSession = true, .terminal = slavePath, .environment = {}});
-        ASSERT_TRUE(attached.started()) << "could not make " << slavePath << " the controlling terminal";
-        EXPECT_EQ(controllingTTY(attached.pid()), slavePath);
+        Child attached(slave);
+        ASSERT_TRUE(attached.started()) << "could not make " << slave << " the controlling terminal";
+        EXPECT_EQ(controllingTTY(attached.pid()), slave);
     }
     ::close(master);
-}
-
-TEST(ProcessInspectorLive, ExecutableAndStartingEnvironment)
-{
-    Child child({.newSession = false,
-                 .terminal = {},
-                 .environment = std::vector<std::string>{"SKELDRIN_PROBE=one", "DUP=first", "EQ=b=c", "NOEQUALS",
-                                                         "DUP=second", "EMPTY="}});
-    ASSERT_TRUE(child.started());
-    EXPECT_EQ(executablePath(child.pid()), std::filesystem::canonical(kProbe).string());
-    const Environment expected{{"SKELDRIN_PROBE", "one"}, {"DUP", "second"}, {"EQ", "b=c"}, {"EMPTY", ""}};
-    EXPECT_EQ(startingEnvironment(child.pid()), expected);
 }
 
 // The hook is run by Claude Code through shells that do not exec their last command.
@@ -223,101 +194,69 @@ TEST(ProcessInspectorLive, ClaudeIsTheFirstAncestorThatIsNotAShell)
 TEST(ProcessInspectorWalk, LooksThroughShellsToTheSessionProcess)
 {
     Table table;
-    table.add(500, 400, "claude");
-    table.add(501, 500, "zsh");
-    table.add(502, 501, "sh");
-    table.add(503, 502, "skeldrin-hook");
-    EXPECT_EQ(claude(503, table.lookup()), (ProcessRef{500, 1500}));
-
-    // Every shell wrapper is looked through, whatever the order.
-    table.add(600, 1, "node");
-    Pid parent = 600;
-    for (const char* shell : {"env", "fish", "dash", "bash", "zsh", "sh"}) {
-        table.add(parent + 1, parent, shell);
-        ++parent;
-    }
-    table.add(700, parent, "hook");
-    EXPECT_EQ(claude(700, table.lookup()), (ProcessRef{600, 1600}));
-
-    // The hook's own name plays no part, nor does "claude": the parent is taken when it is no shell.
-    table.add(800, 600, "sh");
-    EXPECT_EQ(claude(800, table.lookup()), (ProcessRef{600, 1600}));
-    table.add(801, 2, "bash"); // a shell-named hook directly under a non-shell parent
     table.add(2, 1, "kthreadd");
-    EXPECT_EQ(claude(801, table.lookup()), (ProcessRef{2, 1002}));
-    table.add(802, 2, "sh"); // a shell under process 2 is looked through to it
-    table.add(803, 802, "hook");
-    EXPECT_EQ(claude(803, table.lookup()), (ProcessRef{2, 1002}));
-
-    // Names close to a shell's are not shells.
-    table.add(900, 1, "bash5");
-    table.add(901, 900, "hook");
-    EXPECT_EQ(claude(901, table.lookup()), (ProcessRef{900, 1900}));
+    table.add(500, 2, "claude");
+    table.add(501, 500, "env");
+    table.add(502, 501, "zsh");
+    table.add(503, 502, "sh");
+    table.add(504, 503, "skeldrin-hook");
+    EXPECT_EQ(claude(504, table.lookup()), (ProcessRef{500, 1500}));
+    // The hook's own name plays no part: a shell-named hook's non-shell parent is taken.
+    table.add(505, 500, "bash");
+    EXPECT_EQ(claude(505, table.lookup()), (ProcessRef{500, 1500}));
+    // A shell under process 2 is looked through to it.
+    table.add(600, 2, "sh");
+    table.add(601, 600, "hook");
+    EXPECT_EQ(claude(601, table.lookup()), (ProcessRef{2, 1002}));
 }
 
 TEST(ProcessInspectorWalk, GivesNothingWhenTheChainEndsWithoutASessionProcess)
 {
     Table table;
     table.add(1, 0, "launchd");
-
-    table.add(10, 1, "hook"); // parent is process 1
-    EXPECT_EQ(claude(10, table.lookup()), std::nullopt);
-    table.add(11, 0, "hook");
-    EXPECT_EQ(claude(11, table.lookup()), std::nullopt);
+    table.add(10, 1, "hook");
+    EXPECT_EQ(claude(10, table.lookup()), std::nullopt) << "parent is process 1";
     EXPECT_EQ(claude(12, table.lookup()), std::nullopt) << "no such hook";
+    EXPECT_EQ(claude(10, Lookup{}), std::nullopt);
 
     // Shells all the way up to process 1, which is never taken for the session.
     table.add(20, 1, "zsh");
-    table.add(21, 20, "sh");
-    table.add(22, 21, "hook");
-    EXPECT_EQ(claude(22, table.lookup()), std::nullopt);
+    table.add(21, 20, "hook");
+    EXPECT_EQ(claude(21, table.lookup()), std::nullopt);
 
     // A candidate that has exited in the meantime.
     table.add(31, 30, "bash");
     table.add(32, 31, "hook");
     EXPECT_EQ(claude(32, table.lookup()), std::nullopt);
-    table.add(42, 41, "hook");
-    EXPECT_EQ(claude(42, table.lookup()), std::nullopt);
 
     // Records read one at a time can contradict each other (pids reused mid-walk); no endless loop.
     table.add(50, 52, "sh");
     table.add(51, 50, "bash");
     table.add(52, 51, "sh");
     table.add(53, 52, "hook");
-    table.lookups = 0;
     EXPECT_EQ(claude(53, table.lookup()), std::nullopt);
-    EXPECT_LE(table.lookups, 5);
-
-    EXPECT_EQ(claude(53, Lookup{}), std::nullopt);
 }
 
 TEST(ProcessInspectorParse, ArgumentArea)
 {
     const auto typical = procArgs(2, "/usr/local/bin/claude", 5,
-                                  {"claude", "X=argument", "PATH=/bin", "HOME=/Users/me", "PATH=/usr/bin:/bin",
-                                   "A=b=c", "NOEQUALS", "", "AFTER=end"});
+                                  {"claude", "X=argument", "PATH=/bin", "HOME=/Users/me",
+                                   "PATH=/usr/bin:/bin", "A=b=c", "NOEQUALS", "", "AFTER=end"});
     EXPECT_EQ(parseEnvironment(typical),
               (Environment{{"PATH", "/usr/bin:/bin"}, {"HOME", "/Users/me"}, {"A", "b=c"}}));
-
-    // No padding and no terminating empty string: the environment runs to the end of the data.
-    EXPECT_EQ(parseEnvironment(procArgs(1, "/bin/x", 0, {"x", "K=v"})), (Environment{{"K", "v"}}));
-    std::string unterminated = procArgs(0, "/bin/x", 0, {"K=v"}) + "LAST=1";
-    EXPECT_EQ(parseEnvironment(unterminated), (Environment{{"K", "v"}, {"LAST", "1"}}));
+    // No terminating empty string: the environment runs to the end of the data.
+    EXPECT_EQ(parseEnvironment(procArgs(0, "/bin/x", 0, {"K=v"}) + "LAST=1"),
+              (Environment{{"K", "v"}, {"LAST", "1"}}));
 
     EXPECT_EQ(parseEnvironment(""), std::nullopt);
-    EXPECT_EQ(parseEnvironment(std::string_view("\x01\0\0", 3)), std::nullopt);
-    EXPECT_EQ(parseEnvironment(std::string(4, '\0')), Environment{});
     EXPECT_EQ(parseEnvironment(procArgs(1, "", 0, {}).substr(0, 4) + "/bin/no-nul"), Environment{});
     EXPECT_EQ(parseEnvironment(procArgs(1, "/bin/x", 16, {})), Environment{});
     // More arguments announced than present.
     EXPECT_EQ(parseEnvironment(procArgs(9, "/bin/x", 1, {"x", "K=v"})), Environment{});
 }
 
-TEST(ProcessInspectorParse, EnvironBlock)
+TEST(ProcessInspectorParse, EnvironBlockSkipsEmptyEntries)
 {
     using namespace std::string_literals;
-    EXPECT_EQ(parseEnvironBlock("PATH=/a\0HOME=/h\0PATH=/b\0A=b=c\0NOEQUALS\0EMPTY=\0"s),
-              (Environment{{"PATH", "/b"}, {"HOME", "/h"}, {"A", "b=c"}, {"EMPTY", ""}}));
-    EXPECT_EQ(parseEnvironBlock("A=1\0\0B=2"s), (Environment{{"A", "1"}, {"B", "2"}}));
-    EXPECT_EQ(parseEnvironBlock(""), Environment{});
+    EXPECT_EQ(parseEnvironBlock("A=1\0\0NOEQUALS\0B=2"s), (Environment{{"A", "1"}, {"B", "2"}}));
 }
