@@ -49,17 +49,10 @@ TEST(JumpTarget, ExtensionSessionsOpenTheEditorsDeepLink)
               JumpTarget::editorSession(cursor, "/Users/ada/src/engine",
                                         "cursor://anthropic.claude-code/open?session="
                                         "0f5c2b9e-51d4-4c1e-9a43-2d7a8c1e6b30"));
-    EXPECT_EQ(JumpTarget::resolve(sessionWith(extension("com.microsoft.VSCodeInsiders")))->url,
-              "vscode-insiders://anthropic.claude-code/open?session=0f5c2b9e-51d4-4c1e-9a43-2d7a8c1e6b30");
-
-    // Unknown or absent editors are taken for VS Code; without a project directory the folder is the cwd.
-    for (const auto& bundleId :
-         {std::optional<std::string>("com.example.zed"), std::optional<std::string>()}) {
-        EXPECT_EQ(JumpTarget::resolve(sessionWith(extension(bundleId, std::nullopt), "s1")),
-                  JumpTarget::editorSession("com.microsoft.VSCode", "/Users/ada/src/engine/tools",
-                                            "vscode://anthropic.claude-code/open?session=s1"));
-    }
-
+    // An absent editor is taken for VS Code; without a project directory the folder is the cwd.
+    EXPECT_EQ(JumpTarget::resolve(sessionWith(extension(std::nullopt, std::nullopt), "s1")),
+              JumpTarget::editorSession("com.microsoft.VSCode", "/Users/ada/src/engine/tools",
+                                        "vscode://anthropic.claude-code/open?session=s1"));
     // The extension decides even inside a terminal the app knows.
     Origin inTerminal = extension(cursor);
     inTerminal.termProgram = "Apple_Terminal";
@@ -69,13 +62,13 @@ TEST(JumpTarget, ExtensionSessionsOpenTheEditorsDeepLink)
 
 TEST(JumpTarget, AnIdThatIsNotURLTextOpensOnlyTheWindow)
 {
-    for (const char* id : {"has space", "quote\"d", "<tag>", "caf\xc3\xa9", "bad%2escape%", "bad%zz",
-                           "two#hash#es", "[bracket]", "back\\slash", "tab\there", "pipe|d"}) {
+    for (const char* id :
+         {"has space", "caf\xc3\xa9", "bad%2escape%", "bad%zz", "two#hash#es", "[bracket]"}) {
         EXPECT_EQ(JumpTarget::resolve(sessionWith(extension(cursor), id)),
                   JumpTarget::editorWindow(cursor, "/Users/ada/src/engine"))
             << id;
     }
-    for (const char* id : {"%41%2F", "a~b_c.d-e", "x?y=z&w", "!$&'()*+,;=:@/", "one#fragment"}) {
+    for (const char* id : {"%41%2F", "a~b_c.d-e?!$&'()*+,;=:@/", "one#fragment"}) {
         EXPECT_EQ(JumpTarget::resolve(sessionWith(extension(cursor), id))->kind,
                   JumpTarget::Kind::editorSession)
             << id;
@@ -88,7 +81,6 @@ TEST(JumpTarget, DesktopSessionsContinueInTheDesktopApp)
         {"local_8d3f0a", std::nullopt,
          JumpTarget::claudeDesktop("claude://code/continue?session=local_8d3f0a")},
         {"not a url", std::nullopt, JumpTarget::activateApp("com.anthropic.claudefordesktop")},
-        {std::nullopt, std::nullopt, JumpTarget::activateApp("com.anthropic.claudefordesktop")},
         {std::nullopt, "com.anthropic.claudefordesktop.beta",
          JumpTarget::activateApp("com.anthropic.claudefordesktop.beta")},
     };
@@ -103,24 +95,18 @@ TEST(JumpTarget, DesktopSessionsContinueInTheDesktopApp)
 
 TEST(JumpTarget, TerminalsAreFoundByTheirTtyAndEditorTerminalsByTheirWindow)
 {
-    EXPECT_EQ(
-        JumpTarget::resolve(sessionWith(terminal("Apple_Terminal", "/dev/ttys004", "com.apple.Terminal"))),
-        JumpTarget::terminalTab("/dev/ttys004"));
-    EXPECT_EQ(JumpTarget::resolve(sessionWith(terminal("iTerm.app", "/dev/ttys009"))),
-              JumpTarget::itermSession("/dev/ttys009"));
-
-    // Without a tty, or in a terminal the app can't address, only the app can be brought forward.
-    EXPECT_EQ(JumpTarget::resolve(sessionWith(terminal("Apple_Terminal", std::nullopt))), std::nullopt);
-    EXPECT_EQ(JumpTarget::resolve(sessionWith(terminal("iTerm.app", std::nullopt, "com.googlecode.iterm2"))),
-              JumpTarget::activateApp("com.googlecode.iterm2"));
-    EXPECT_EQ(JumpTarget::resolve(sessionWith(terminal("WezTerm", "/dev/pts/3", "com.github.wez.wezterm"))),
-              JumpTarget::activateApp("com.github.wez.wezterm"));
-    EXPECT_EQ(JumpTarget::resolve(sessionWith(terminal("apple_terminal", "/dev/ttys004"))), std::nullopt);
-    EXPECT_EQ(JumpTarget::resolve(sessionWith(Origin())), std::nullopt);
-
-    // An editor's integrated terminal opens the editor's window.
-    EXPECT_EQ(JumpTarget::resolve(sessionWith(terminal("vscode", "/dev/ttys011", cursor))),
-              JumpTarget::editorWindow(cursor, "/Users/ada/src/engine"));
-    EXPECT_EQ(JumpTarget::resolve(sessionWith(terminal("vscode", std::nullopt, "com.example.unknown"))),
-              JumpTarget::editorWindow("com.microsoft.VSCode", "/Users/ada/src/engine"));
+    const std::tuple<Origin, std::optional<JumpTarget>> cases[] = {
+        {terminal("Apple_Terminal", "/dev/ttys004", "com.apple.Terminal"),
+         JumpTarget::terminalTab("/dev/ttys004")},
+        {terminal("iTerm.app", "/dev/ttys009"), JumpTarget::itermSession("/dev/ttys009")},
+        // Without a tty, or in a terminal the app can't address, only the app can be brought forward.
+        {terminal("Apple_Terminal", std::nullopt), std::nullopt},
+        {terminal("WezTerm", "/dev/pts/3", "com.github.wez.wezterm"),
+         JumpTarget::activateApp("com.github.wez.wezterm")},
+        // An editor's integrated terminal opens the editor's window.
+        {terminal("vscode", "/dev/ttys011", cursor),
+         JumpTarget::editorWindow(cursor, "/Users/ada/src/engine")},
+    };
+    for (const auto& [origin, target] : cases)
+        EXPECT_EQ(JumpTarget::resolve(sessionWith(origin)), target) << origin.termProgram.value_or("-");
 }
