@@ -14,11 +14,8 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-extern char** environ;
 
 using namespace skeldrin;
 using namespace skeldrin::ProcessInspector;
@@ -40,34 +37,25 @@ std::string readLine(int fd)
     return line;
 }
 
-// The probe in "wait" mode as a child of the test in a session of its own, alive until finish():
-// optionally with a controlling terminal (the slave side of a pty) or an environment of the test's choosing.
+// The probe in "wait" mode in a session of its own, alive until finish(), with a controlling terminal
+// (a pty's slave side) and an environment of the test's choosing.
 class Child {
   public:
-    explicit Child(const std::string& terminal = {}, std::optional<std::vector<std::string>> environment = {})
+    Child(const std::string& terminal, char* const* environment)
     {
         int input[2], output[2];
         if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0) return;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
-        posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
-        // Opened by a session leader without a terminal, the slave becomes its controlling terminal.
-        if (!terminal.empty()) posix_spawn_file_actions_addopen(&actions, 3, terminal.c_str(), O_RDWR, 0);
-        posix_spawnattr_t attributes;
-        posix_spawnattr_init(&attributes);
-        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
-        std::vector<char*> envp;
-        if (environment)
-            for (auto& entry : *environment)
-                envp.push_back(entry.data());
-        envp.push_back(nullptr);
-        char* argv[] = {const_cast<char*>(kProbe), const_cast<char*>("wait"), nullptr};
-        if (::posix_spawn(&pid_, kProbe, &actions, &attributes, argv, environment ? envp.data() : environ) !=
-            0)
-            pid_ = -1;
-        posix_spawn_file_actions_destroy(&actions);
-        posix_spawnattr_destroy(&attributes);
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::dup2(input[0], STDIN_FILENO);
+            ::dup2(output[1], STDOUT_FILENO);
+            ::setsid();
+            // Opened by a session leader without a terminal, the slave becomes its controlling terminal.
+            if (::open(terminal.c_str(), O_RDWR) < 0) ::_exit(1);
+            char* argv[] = {const_cast<char*>(kProbe), const_cast<char*>("wait"), nullptr};
+            ::execve(kProbe, argv, environment);
+            ::_exit(127);
+        }
         ::close(input[0]);
         ::close(output[1]);
         input_ = input[1];
@@ -79,7 +67,6 @@ class Child {
     Child& operator=(const Child&) = delete;
 
     pid_t pid() const { return pid_; }
-    // The probe runs (past exec and any terminal set-up) and waits.
     bool started() const { return started_; }
 
     // Lets the probe exit and reaps it, so that its pid no longer names a process.
@@ -132,47 +119,33 @@ std::string procArgs(std::int32_t argc, std::string_view execPath, std::size_t p
 
 } // namespace
 
-TEST(ProcessInspectorLive, RefIdentifiesOneRunOfAProcess)
+TEST(ProcessInspectorLive, AChildIsKnownByItsStartWhileItRunsAndForgottenOnceGone)
 {
-    const auto self = ref(::getpid());
-    ASSERT_TRUE(self);
-    EXPECT_EQ(ref(::getpid()), self) << "the start time must come out the same on every reading";
-    EXPECT_TRUE(isAlive(*self));
-    // Same pid, another start time: a reused pid, not our process.
-    EXPECT_FALSE(isAlive(ProcessRef{self->pid, self->startTime + 1}));
-
-    Child child;
-    ASSERT_TRUE(child.started());
-    const pid_t pid = child.pid();
-    const auto started = ref(pid);
-    ASSERT_TRUE(started);
-    EXPECT_TRUE(isAlive(*started));
-    child.finish();
-    EXPECT_FALSE(isAlive(*started));
-    EXPECT_FALSE(ref(pid));
-    EXPECT_FALSE(executablePath(pid));
-    EXPECT_FALSE(startingEnvironment(pid));
-}
-
-TEST(ProcessInspectorLive, TerminalExecutableAndStartingEnvironment)
-{
-    Child detached({}, std::vector<std::string>{"SKELDRIN_PROBE=one", "EMPTY="});
-    ASSERT_TRUE(detached.started());
-    EXPECT_EQ(controllingTTY(detached.pid()), std::nullopt);
-    EXPECT_EQ(executablePath(detached.pid()), std::filesystem::canonical(kProbe).string());
-    EXPECT_EQ(startingEnvironment(detached.pid()), (Environment{{"SKELDRIN_PROBE", "one"}, {"EMPTY", ""}}));
-
     const int master = ::posix_openpt(O_RDWR | O_NOCTTY);
     ASSERT_GE(master, 0) << std::strerror(errno);
     ASSERT_EQ(::grantpt(master), 0);
     ASSERT_EQ(::unlockpt(master), 0);
     const std::string slave = ::ptsname(master);
-    {
-        Child attached(slave);
-        ASSERT_TRUE(attached.started()) << "could not make " << slave << " the controlling terminal";
-        EXPECT_EQ(controllingTTY(attached.pid()), slave);
-    }
+    char* environment[] = {const_cast<char*>("SKELDRIN_PROBE=one"), const_cast<char*>("EMPTY="), nullptr};
+    Child child(slave, environment);
+    ASSERT_TRUE(child.started()) << "could not make " << slave << " the controlling terminal";
+
+    const pid_t pid = child.pid();
+    const auto started = ref(pid);
+    ASSERT_TRUE(started);
+    EXPECT_EQ(ref(pid), started) << "the start time must come out the same on every reading";
+    EXPECT_TRUE(isAlive(*started));
+    EXPECT_FALSE(isAlive(ProcessRef{pid, started->startTime + 1})) << "a reused pid is another process";
+    EXPECT_EQ(controllingTTY(pid), slave);
+    EXPECT_EQ(executablePath(pid), std::filesystem::canonical(kProbe).string());
+    EXPECT_EQ(startingEnvironment(pid), (Environment{{"SKELDRIN_PROBE", "one"}, {"EMPTY", ""}}));
+
+    child.finish();
     ::close(master);
+    EXPECT_FALSE(isAlive(*started));
+    EXPECT_FALSE(ref(pid));
+    EXPECT_FALSE(executablePath(pid));
+    EXPECT_FALSE(startingEnvironment(pid));
 }
 
 // The hook is run by Claude Code through shells that do not exec their last command.
