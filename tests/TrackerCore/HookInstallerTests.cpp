@@ -176,27 +176,6 @@ TEST_F(SettingsFile, ReadFailuresAreThrownAndNameTheFile)
               "The file “settings.json” couldn’t be opened because it isn’t in the correct format.");
 }
 
-TEST_F(SettingsFile, BackupKeepsTheSettingsFromBeforeTheFirstWrite)
-{
-    placeFixture("user-hooks.json");
-    ::chmod(settings.c_str(), 0640);
-    const std::string original = readText(settings);
-
-    HookInstaller::writeSettings(HookInstaller::installing(current, HookInstaller::readSettings(settings)),
-                                 settings);
-    EXPECT_TRUE(readText(settings).starts_with(
-        "{\n  \"$schema\": \"https://json.schemastore.org/claude-code-settings.json\",\n"));
-    EXPECT_EQ(readText(backup), original);
-    EXPECT_EQ(modeOf(backup), 0640u);
-    EXPECT_EQ(modeOf(settings), 0640u);
-
-    HookInstaller::writeSettings(HookInstaller::removing(HookInstaller::readSettings(settings)), settings);
-    EXPECT_EQ(readText(backup), original);
-    EXPECT_EQ(HookInstaller::readSettings(settings), fixture("user-hooks.json"));
-    EXPECT_EQ(namesIn(settings.parent_path()),
-              (std::set<std::string>{"settings.json", "settings.json.skeldrin-backup"}));
-}
-
 TEST_F(SettingsFile, NoWriteWhenTheBackupCannotBeMade)
 {
     placeFixture("user-hooks.json");
@@ -206,39 +185,36 @@ TEST_F(SettingsFile, NoWriteWhenTheBackupCannotBeMade)
     EXPECT_EQ(readText(settings), original);
 }
 
-TEST_F(SettingsFile, ASymlinkedSettingsFileKeepsItsLinksAndMode)
+TEST_F(SettingsFile, WritesThroughSymlinksKeepingTheModeAndTheFirstBackup)
 {
-    // ~/.claude/settings.json -> dotfiles/current.json -> claude/settings.json (relative)
+    // ~/.claude/settings.json -> dotfiles/current.json -> claude/settings.json (relative), not there yet
     const fs::path dotfiles = root / "dotfiles", real = dotfiles / "claude" / "settings.json";
-    fs::create_directories(dotfiles / "claude");
-    fs::copy_file(fixtures / "user-hooks.json", real);
-    ::chmod(real.c_str(), 0600);
+    fs::create_directories(settings.parent_path());
+    fs::create_directories(dotfiles);
     fs::create_symlink("claude/settings.json", dotfiles / "current.json");
-    fs::create_directories(settings.parent_path());
     fs::create_symlink(dotfiles / "current.json", settings);
-    const std::string original = readText(settings);
-
-    HookInstaller::writeSettings(Json{{"model", "opus"}}, settings);
-    EXPECT_EQ(fs::read_symlink(settings), dotfiles / "current.json");
-    EXPECT_EQ(fs::read_symlink(dotfiles / "current.json"), "claude/settings.json");
-    EXPECT_EQ(HookInstaller::readSettings(real), (Json{{"model", "opus"}}));
-    EXPECT_EQ(modeOf(real), 0600u);
-    EXPECT_EQ(readText(backup), original);
-}
-
-TEST_F(SettingsFile, FirstWriteThroughADanglingSymlinkCreatesItsTargetWithoutBackup)
-{
-    fs::create_directories(settings.parent_path());
-    const fs::path target = root / "dotfiles" / "claude" / "settings.json";
-    fs::create_symlink(target, settings);
     EXPECT_EQ(HookInstaller::readSettings(settings), Json::object());
 
-    HookInstaller::writeSettings(Json{{"model", "opus"}}, settings);
-    EXPECT_TRUE(fs::is_symlink(settings));
-    EXPECT_EQ(HookInstaller::readSettings(target), (Json{{"model", "opus"}}));
-    EXPECT_EQ(namesIn(target.parent_path()), std::set<std::string>{"settings.json"});
-    EXPECT_FALSE(fs::exists(fs::symlink_status(backup)));
+    const Json user = fixture("user-hooks.json");
+    HookInstaller::writeSettings(user, settings);
+    EXPECT_FALSE(fs::exists(fs::symlink_status(backup))) << "there was nothing to back up";
     const mode_t mask = ::umask(0);
     ::umask(mask);
-    EXPECT_EQ(modeOf(target), 0644 & ~mask);
+    EXPECT_EQ(modeOf(real), 0644 & ~mask);
+    EXPECT_TRUE(readText(real).starts_with(
+        "{\n  \"$schema\": \"https://json.schemastore.org/claude-code-settings.json\",\n"));
+
+    ::chmod(real.c_str(), 0640);
+    const std::string original = readText(real);
+    HookInstaller::writeSettings(HookInstaller::installing(current, user), settings);
+    HookInstaller::writeSettings(user, settings);
+    EXPECT_EQ(fs::read_symlink(settings), dotfiles / "current.json");
+    EXPECT_EQ(fs::read_symlink(dotfiles / "current.json"), "claude/settings.json");
+    EXPECT_EQ(HookInstaller::readSettings(real), user);
+    EXPECT_EQ(readText(backup), original);
+    EXPECT_EQ(modeOf(real), 0640u);
+    EXPECT_EQ(modeOf(backup), 0640u);
+    EXPECT_EQ(namesIn(settings.parent_path()),
+              (std::set<std::string>{"settings.json", "settings.json.skeldrin-backup"}));
+    EXPECT_EQ(namesIn(real.parent_path()), std::set<std::string>{"settings.json"});
 }
