@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 
 namespace fs = std::filesystem;
+using skeldrin::test::namesIn;
 using skeldrin::test::readText;
 namespace HookInstaller = skeldrin::HookInstaller;
 using HookInstaller::State;
@@ -35,14 +36,6 @@ mode_t modeOf(const fs::path& file)
     struct stat info {};
     EXPECT_EQ(::stat(file.c_str(), &info), 0) << file;
     return info.st_mode & 07777;
-}
-
-std::set<std::string> namesIn(const fs::path& directory)
-{
-    std::set<std::string> names;
-    for (const auto& entry : fs::directory_iterator(directory))
-        names.insert(entry.path().filename().string());
-    return names;
 }
 
 } // namespace
