@@ -37,52 +37,47 @@ std::string readLine(int fd)
     return line;
 }
 
-// The probe in "wait" mode in a session of its own, alive until finish(), with a controlling terminal
-// (a pty's slave side) and an environment of the test's choosing.
-class Child {
-  public:
+// cat in a session of its own, with a controlling terminal (a pty's slave side) and an environment of the
+// test's choosing; it runs until finish() closes its input.
+struct Child {
+    static constexpr const char* executable = "/bin/cat";
+    pid_t pid = -1;
+    int input = -1;
+    bool started = false;
+
     Child(const std::string& terminal, char* const* environment)
     {
-        int input[2], output[2];
-        if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0) return;
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            ::dup2(input[0], STDIN_FILENO);
-            ::dup2(output[1], STDOUT_FILENO);
+        int in[2], out[2];
+        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) return;
+        pid = ::fork();
+        if (pid == 0) {
+            ::dup2(in[0], STDIN_FILENO);
+            ::dup2(out[1], STDOUT_FILENO);
             ::setsid();
             // Opened by a session leader without a terminal, the slave becomes its controlling terminal.
             if (::open(terminal.c_str(), O_RDWR) < 0) ::_exit(1);
-            char* argv[] = {const_cast<char*>(kProbe), const_cast<char*>("wait"), nullptr};
-            ::execve(kProbe, argv, environment);
+            char* argv[] = {const_cast<char*>(executable), nullptr};
+            ::execve(executable, argv, environment);
             ::_exit(127);
         }
-        ::close(input[0]);
-        ::close(output[1]);
-        input_ = input[1];
-        if (pid_ > 0) started_ = readLine(output[0]) == "ready\n";
-        ::close(output[0]);
+        ::close(in[0]);
+        ::close(out[1]);
+        input = in[1];
+        // Echoed once cat runs, past exec and the terminal set-up.
+        started = pid > 0 && ::write(input, "ready\n", 6) == 6 && readLine(out[0]) == "ready\n";
+        ::close(out[0]);
     }
     ~Child() { finish(); }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
 
-    pid_t pid() const { return pid_; }
-    bool started() const { return started_; }
-
-    // Lets the probe exit and reaps it, so that its pid no longer names a process.
+    // Lets cat exit and reaps it, so that its pid no longer names a process.
     void finish()
     {
-        if (input_ >= 0) ::close(input_);
-        input_ = -1;
-        while (pid_ > 0 && ::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+        if (input >= 0) ::close(input);
+        input = -1;
+        while (pid > 0 && ::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
         }
-        pid_ = -1;
+        pid = -1;
     }
-
-  private:
-    pid_t pid_ = -1;
-    int input_ = -1;
-    bool started_ = false;
 };
 
 // A made-up process table for the ancestor walk.
@@ -128,16 +123,16 @@ TEST(ProcessInspectorLive, AChildIsKnownByItsStartWhileItRunsAndForgottenOnceGon
     const std::string slave = ::ptsname(master);
     char* environment[] = {const_cast<char*>("SKELDRIN_PROBE=one"), const_cast<char*>("EMPTY="), nullptr};
     Child child(slave, environment);
-    ASSERT_TRUE(child.started()) << "could not make " << slave << " the controlling terminal";
+    ASSERT_TRUE(child.started) << "could not make " << slave << " the controlling terminal";
 
-    const pid_t pid = child.pid();
+    const pid_t pid = child.pid;
     const auto started = ref(pid);
     ASSERT_TRUE(started);
     EXPECT_EQ(ref(pid), started) << "the start time must come out the same on every reading";
     EXPECT_TRUE(isAlive(*started));
     EXPECT_FALSE(isAlive(ProcessRef{pid, started->startTime + 1})) << "a reused pid is another process";
     EXPECT_EQ(controllingTTY(pid), slave);
-    EXPECT_EQ(executablePath(pid), std::filesystem::canonical(kProbe).string());
+    EXPECT_EQ(executablePath(pid), std::filesystem::canonical(Child::executable).string());
     EXPECT_EQ(startingEnvironment(pid), (Environment{{"SKELDRIN_PROBE", "one"}, {"EMPTY", ""}}));
 
     child.finish();
@@ -153,7 +148,7 @@ TEST(ProcessInspectorLive, ClaudeIsTheFirstAncestorThatIsNotAShell)
 {
     const auto self = ref(::getpid());
     ASSERT_TRUE(self);
-    FILE* shell = ::popen((std::string("bash -c '\"") + kProbe + "\" claude; true'; true").c_str(), "r");
+    FILE* shell = ::popen((std::string("bash -c '\"") + kProbe + "\"; true'; true").c_str(), "r");
     ASSERT_NE(shell, nullptr);
     const std::string output = readLine(::fileno(shell));
     ::pclose(shell);
