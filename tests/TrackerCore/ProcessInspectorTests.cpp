@@ -24,19 +24,6 @@ namespace {
 
 const char* const kProbe = SKELDRIN_PROCESS_PROBE;
 
-// Reads fd up to and including the first newline, or to its end.
-std::string readLine(int fd)
-{
-    std::string line;
-    for (char byte; line.empty() || line.back() != '\n';) {
-        const auto count = ::read(fd, &byte, 1);
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) break;
-        line += byte;
-    }
-    return line;
-}
-
 // cat in a session of its own, with a controlling terminal (a pty's slave side) and an environment of the
 // test's choosing; it runs until finish() closes its input.
 struct Child {
@@ -64,7 +51,8 @@ struct Child {
         ::close(out[1]);
         input = in[1];
         // Echoed once cat runs, past exec and the terminal set-up.
-        started = pid > 0 && ::write(input, "ready\n", 6) == 6 && readLine(out[0]) == "ready\n";
+        char echoed[6] = {};
+        started = pid > 0 && ::write(input, "ready\n", 6) == 6 && ::read(out[0], echoed, 6) == 6;
         ::close(out[0]);
     }
     ~Child() { finish(); }
@@ -150,12 +138,13 @@ TEST(ProcessInspectorLive, ClaudeIsTheFirstAncestorThatIsNotAShell)
     ASSERT_TRUE(self);
     FILE* shell = ::popen((std::string("bash -c '\"") + kProbe + "\"; true'; true").c_str(), "r");
     ASSERT_NE(shell, nullptr);
-    const std::string output = readLine(::fileno(shell));
+    char output[128] = {};
+    std::fgets(output, sizeof output, shell);
     ::pclose(shell);
 
     int pid = 0;
     double startTime = 0;
-    ASSERT_EQ(std::sscanf(output.c_str(), "%d %la", &pid, &startTime), 2) << output;
+    ASSERT_EQ(std::sscanf(output, "%d %la", &pid, &startTime), 2) << output;
     EXPECT_EQ((ProcessRef{pid, startTime}), *self) << output;
 }
 
