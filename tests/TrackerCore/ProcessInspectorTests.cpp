@@ -68,24 +68,6 @@ struct Child {
     }
 };
 
-// A made-up process table for the ancestor walk.
-struct Table {
-    std::map<Pid, Record> records;
-
-    void add(Pid pid, Pid parentPid, std::string name)
-    {
-        records[pid] = Record{pid, parentPid, 1000.0 + pid, std::nullopt, std::move(name)};
-    }
-    Lookup lookup()
-    {
-        return [this](Pid pid) -> std::optional<Record> {
-            const auto found = records.find(pid);
-            if (found == records.end()) return std::nullopt;
-            return found->second;
-        };
-    }
-};
-
 std::string procArgs(std::int32_t argc, std::string_view execPath, std::size_t padding,
                      const std::vector<std::string>& strings)
 {
@@ -148,50 +130,44 @@ TEST(ProcessInspectorLive, ClaudeIsTheFirstAncestorThatIsNotAShell)
     EXPECT_EQ((ProcessRef{pid, startTime}), *self) << output;
 }
 
-TEST(ProcessInspectorWalk, LooksThroughShellsToTheSessionProcess)
+TEST(ProcessInspectorWalk, TheSessionProcessIsTheFirstAncestorThatIsNoShell)
 {
-    Table table;
-    table.add(2, 1, "kthreadd");
-    table.add(500, 2, "claude");
-    table.add(501, 500, "env");
-    table.add(502, 501, "zsh");
-    table.add(503, 502, "sh");
-    table.add(504, 503, "skeldrin-hook");
-    EXPECT_EQ(claude(504, table.lookup()), (ProcessRef{500, 1500}));
-    // The hook's own name plays no part: a shell-named hook's non-shell parent is taken.
-    table.add(505, 500, "bash");
-    EXPECT_EQ(claude(505, table.lookup()), (ProcessRef{500, 1500}));
-    // A shell under process 2 is looked through to it.
-    table.add(600, 2, "sh");
-    table.add(601, 600, "hook");
-    EXPECT_EQ(claude(601, table.lookup()), (ProcessRef{2, 1002}));
-}
-
-TEST(ProcessInspectorWalk, GivesNothingWhenTheChainEndsWithoutASessionProcess)
-{
-    Table table;
-    table.add(1, 0, "launchd");
-    table.add(10, 1, "hook");
-    EXPECT_EQ(claude(10, table.lookup()), std::nullopt) << "parent is process 1";
-    EXPECT_EQ(claude(12, table.lookup()), std::nullopt) << "no such hook";
-    EXPECT_EQ(claude(10, Lookup{}), std::nullopt);
-
-    // Shells all the way up to process 1, which is never taken for the session.
-    table.add(20, 1, "zsh");
-    table.add(21, 20, "hook");
-    EXPECT_EQ(claude(21, table.lookup()), std::nullopt);
-
-    // A candidate that has exited in the meantime.
-    table.add(31, 30, "bash");
-    table.add(32, 31, "hook");
-    EXPECT_EQ(claude(32, table.lookup()), std::nullopt);
-
-    // Records read one at a time can contradict each other (pids reused mid-walk); no endless loop.
-    table.add(50, 52, "sh");
-    table.add(51, 50, "bash");
-    table.add(52, 51, "sh");
-    table.add(53, 52, "hook");
-    EXPECT_EQ(claude(53, table.lookup()), std::nullopt);
+    std::map<Pid, Record> records;
+    for (const auto& [pid, parent, name] : std::initializer_list<std::tuple<Pid, Pid, const char*>>{
+             {1, 0, "launchd"},
+             {2, 1, "kthreadd"},
+             {500, 2, "claude"},
+             {501, 500, "env"},
+             {502, 501, "zsh"},
+             {503, 502, "sh"},
+             {504, 503, "skeldrin-hook"},
+             {505, 500, "bash"}, // a hook's own name plays no part
+             {600, 2, "sh"},
+             {601, 600, "hook"},
+             {10, 1, "hook"},
+             {20, 1, "zsh"},
+             {21, 20, "hook"},
+             {31, 30, "bash"},
+             {32, 31, "hook"}, // 30 has exited meanwhile
+             // Records read one at a time can contradict each other when pids are reused mid-walk.
+             {50, 52, "sh"},
+             {51, 50, "bash"},
+             {52, 51, "sh"},
+             {53, 52, "hook"}})
+        records[pid] = Record{pid, parent, 1000.0 + pid, std::nullopt, name};
+    const Lookup lookup = [&](Pid pid) -> std::optional<Record> {
+        const auto found = records.find(pid);
+        return found == records.end() ? std::nullopt : std::optional(found->second);
+    };
+    // Process 1 is never the session's process; process 2 may be.
+    const std::pair<Pid, std::optional<ProcessRef>> walks[] = {
+        {504, ProcessRef{500, 1500}}, {505, ProcessRef{500, 1500}}, {601, ProcessRef{2, 1002}},
+        {10, std::nullopt},           {12, std::nullopt},           {21, std::nullopt},
+        {32, std::nullopt},           {53, std::nullopt},
+    };
+    for (const auto& [hook, expected] : walks)
+        EXPECT_EQ(claude(hook, lookup), expected) << hook;
+    EXPECT_EQ(claude(504, Lookup{}), std::nullopt);
 }
 
 TEST(ProcessInspectorParse, ArgumentArea)
