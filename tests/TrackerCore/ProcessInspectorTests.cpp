@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -132,31 +133,20 @@ TEST(ProcessInspectorLive, ClaudeIsTheFirstAncestorThatIsNotAShell)
 
 TEST(ProcessInspectorWalk, TheSessionProcessIsTheFirstAncestorThatIsNoShell)
 {
+    // Shells between hooks and their session process; a shell-named hook (505); a shell under process 2;
+    // a parent that has exited (30); a cycle, as records read one at a time show when pids are reused.
+    // pid, parent, name
+    std::istringstream table(
+        "1 0 launchd  2 1 kthreadd  500 2 claude  501 500 env  502 501 zsh  503 502 sh "
+        "504 503 skeldrin-hook  505 500 bash  600 2 sh  601 600 hook  10 1 hook  20 1 zsh "
+        "21 20 hook  31 30 bash  32 31 hook  50 52 sh  51 50 bash  52 51 sh  53 52 hook");
     std::map<Pid, Record> records;
-    for (const auto& [pid, parent, name] : std::initializer_list<std::tuple<Pid, Pid, const char*>>{
-             {1, 0, "launchd"},
-             {2, 1, "kthreadd"},
-             {500, 2, "claude"},
-             {501, 500, "env"},
-             {502, 501, "zsh"},
-             {503, 502, "sh"},
-             {504, 503, "skeldrin-hook"},
-             {505, 500, "bash"}, // a hook's own name plays no part
-             {600, 2, "sh"},
-             {601, 600, "hook"},
-             {10, 1, "hook"},
-             {20, 1, "zsh"},
-             {21, 20, "hook"},
-             {31, 30, "bash"},
-             {32, 31, "hook"}, // 30 has exited meanwhile
-             // Records read one at a time can contradict each other when pids are reused mid-walk.
-             {50, 52, "sh"},
-             {51, 50, "bash"},
-             {52, 51, "sh"},
-             {53, 52, "hook"}})
+    Pid pid = 0, parent = 0;
+    std::string name;
+    while (table >> pid >> parent >> name)
         records[pid] = Record{pid, parent, 1000.0 + pid, std::nullopt, name};
-    const Lookup lookup = [&](Pid pid) -> std::optional<Record> {
-        const auto found = records.find(pid);
+    const Lookup lookup = [&](Pid asked) -> std::optional<Record> {
+        const auto found = records.find(asked);
         return found == records.end() ? std::nullopt : std::optional(found->second);
     };
     // Process 1 is never the session's process; process 2 may be.
