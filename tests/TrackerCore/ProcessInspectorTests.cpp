@@ -9,10 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
-#include <optional>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include <fcntl.h>
 #include <sys/wait.h>

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <set>
 
 extern "C" void skeldrin_fail(const char* rule);
 
@@ -45,12 +44,9 @@ TEST(SettingsFailures, EveryWritePointKeepsTheSettingsAndTheBackupWhole)
         skeldrin_fail(nullptr);
 
         EXPECT_EQ(readText(file), original);
-        std::set<std::string> expected{"settings.json"};
-        if (backupMade) {
-            expected.insert(backup.filename());
-            EXPECT_EQ(readText(backup), original);
-        }
-        EXPECT_EQ(skeldrin::test::namesIn(directory.path()), expected) << "a temporary file was left behind";
+        EXPECT_EQ(readText(backup), backupMade ? original : "");
+        EXPECT_EQ(std::distance(fs::directory_iterator(directory.path()), {}), backupMade ? 2 : 1)
+            << "a temporary file was left behind";
 
         // And once the disk is well again, the write goes through.
         HookInstaller::writeSettings(settings, file);

@@ -1,9 +1,7 @@
-// Makes chosen system calls fail, for tests of what the store and the settings editor do when the disk or
-// the system does: preloaded into a dynamically linked hook (rule in $SKELDRIN_FAIL) or linked into a test
-// ahead of the C library (rule set with skeldrin_fail). A rule "call:error[:skip[:times]]" makes the named
-// call fail with that error number after `skip` calls succeed, `times` times (default: always). Only calls
-// that write are counted: open with O_CREAT, write to a descriptor above 2, fsync, rename, link, unlink,
-// mkdir, flock.
+// Makes chosen system calls fail: preloaded into a dynamically linked hook (rule in $SKELDRIN_FAIL) or linked
+// into a test ahead of the C library (skeldrin_fail). A rule "call:error[:skip[:times]]" fails that call with
+// that error after `skip` calls succeed, `times` times (default: always). Only calls that write count: open
+// with O_CREAT, write above descriptor 2, fsync, rename, link, unlink, mkdir, flock.
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
