@@ -54,10 +54,7 @@ TEST(HookState, InstalledOnlyWhenEveryEventHasTheCurrentCommand)
     const std::tuple<const char*, Json, State> cases[] = {
         {"only the user's hooks", fixture("user-hooks.json"), State::notInstalled},
         {"beside the user's hooks", installed, State::installed},
-        {"other timeout, no matcher", edited([](Json& hooks) {
-             hooks["PreToolUse"][1].erase("matcher");
-             hooks["PreToolUse"][1]["hooks"][0]["timeout"] = 60;
-         }),
+        {"no matcher", edited([](Json& hooks) { hooks["PreToolUse"][1].erase("matcher"); }),
          State::installed},
         {"an event missing", edited([](Json& hooks) { hooks.erase("StopFailure"); }), State::outdated},
         {"an earlier command left over",
@@ -141,7 +138,6 @@ TEST_F(SettingsFile, ReadFailuresAreThrownAndNameTheFile)
 {
     fs::create_directory(settings);
     EXPECT_THROW(HookInstaller::readSettings(settings), fs::filesystem_error);
-    EXPECT_THROW(HookInstaller::writeSettings(Json::object(), settings), fs::filesystem_error);
     fs::remove(settings);
 
     fs::copy_file(fixtures / "trailing-comma.json", settings);

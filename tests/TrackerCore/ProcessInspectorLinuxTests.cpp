@@ -76,9 +76,8 @@ TEST_F(BootAnchorTest, FirstBtimeOfABootSurvivesClockSteps)
 {
     EXPECT_EQ(bootAnchor(file, "boot-a", btime(1000)), 1000);
     // The clock was stepped: btime moved, the anchor does not, and /proc/stat need not be read.
-    asked = 0;
     EXPECT_EQ(bootAnchor(file, "boot-a", btime(1042)), 1000);
-    EXPECT_EQ(asked, 0);
+    EXPECT_EQ(asked, 1);
 
     // A new boot starts a new anchor.
     EXPECT_EQ(bootAnchor(file, "boot-b", btime(5000)), 5000);
@@ -122,14 +121,13 @@ TEST_F(BootAnchorTest, UntrustedFilesAreNeitherBelievedNorTouched)
     for (const auto mode : {0620, 0602}) {
         ::chmod(file.c_str(), static_cast<mode_t>(mode));
         ignored("writable by others");
-        EXPECT_EQ(readText(file), "boot-a 1000\n");
     }
     if (::geteuid() == 0) { // only root can make a file that belongs to someone else
         ::chmod(file.c_str(), 0600);
         ASSERT_EQ(::chown(file.c_str(), 65534, 65534), 0);
         ignored("someone else's");
-        EXPECT_EQ(readText(file), "boot-a 1000\n");
     }
+    EXPECT_EQ(readText(file), "boot-a 1000\n");
     fs::remove(file);
     ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
     ignored("fifo");
@@ -173,7 +171,6 @@ TEST_F(BootAnchorTest, ConcurrentFirstReadersAgree)
         EXPECT_EQ(anchor, *settled);
 }
 
-// The real lookup shares its anchor through the per-user file.
 TEST(ProcessInspectorProcfs, LookupAnchorsStartTimesInTheSharedFile)
 {
     ASSERT_TRUE(ref(::getpid()));

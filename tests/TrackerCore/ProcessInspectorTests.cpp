@@ -130,9 +130,8 @@ TEST(ProcessInspectorLive, ClaudeIsTheFirstAncestorThatIsNotAShell)
 
 TEST(ProcessInspectorWalk, TheSessionProcessIsTheFirstAncestorThatIsNoShell)
 {
-    // Shells between hooks and their session process; a shell-named hook (505); a shell under process 2;
-    // a parent that has exited (30); a cycle, as records read one at a time show when pids are reused.
-    // pid, parent, name
+    // pid, parent, name: shells between hooks and their session process; a shell-named hook (505); a shell
+    // under process 2; a parent that has exited (30); a cycle, as records read one by one show on pid reuse.
     std::istringstream table(
         "1 0 launchd  2 1 kthreadd  500 2 claude  501 500 env  502 501 zsh  503 502 sh "
         "504 503 skeldrin-hook  505 500 bash  600 2 sh  601 600 hook  10 1 hook  20 1 zsh "

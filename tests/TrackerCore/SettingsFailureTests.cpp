@@ -1,6 +1,5 @@
-// The settings editor when the disk fails at each of its write points: the write is refused, and the
-// user's settings file and its backup are never lost or half-written. The failures come from the
-// failure shim linked into this test ahead of the C library.
+// The settings editor when the disk fails at each write point (the failure shim is linked in ahead of the
+// C library): the write is refused, and the user's settings and their backup are never lost or torn.
 #include "TrackerCore/HookInstaller.h"
 #include "support/TempDir.h"
 #include "support/TestFiles.h"
