@@ -34,7 +34,6 @@ TEST(ProcessInspectorProcfs, StatFieldsFollowTheLastParenthesis)
     const std::string tail =
         " 34816 1234 4194304 98 0 0 0 0 0 0 0 20 0 1 0 73413 3133440 358 18446744073709551615 0\n";
     EXPECT_EQ(parseStat("1234 (a) b (c) S 77 1234 1234" + tail), (Stat{77, 34816, 73413, "a) b (c"}));
-    EXPECT_EQ(parseStat("9 () R 1 9 9" + tail)->shortName, "");
     const std::string truncated = "9 (sh) R 1 9 9" + tail.substr(0, tail.find(" 73413"));
     for (const std::string& bad : {"9 (sh R 1 9 9" + tail, "9 (sh) R x 9 9" + tail, truncated})
         EXPECT_EQ(parseStat(bad), std::nullopt) << bad;
