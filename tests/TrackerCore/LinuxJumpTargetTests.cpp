@@ -23,7 +23,7 @@ Session sessionFrom(const Environment& environment, std::optional<ProcessRef> pr
     return session;
 }
 
-TEST(LinuxOrigin, CapturesTheLinuxPlacesAndLeavesOthersAsTheyWere)
+TEST(LinuxOrigin, CapturesTheLinuxPlaces)
 {
     const Origin origin({{"TMUX", "/tmp/tmux-1000/default,4242,0"},
                          {"TMUX_PANE", "%7"},
@@ -31,62 +31,37 @@ TEST(LinuxOrigin, CapturesTheLinuxPlacesAndLeavesOthersAsTheyWere)
                          {"KONSOLE_DBUS_SERVICE", ":1.42"},
                          {"WINDOWID", "41943047"}},
                         "/dev/pts/3");
-    EXPECT_EQ(origin.tmuxSocket, "/tmp/tmux-1000/default");
-    EXPECT_EQ(origin.tmuxPane, "%7");
-    EXPECT_EQ(origin.x11Window, "41943047");
-    EXPECT_EQ(originFromJson(toJson(origin)), origin);
     EXPECT_EQ(toJson(origin)["tmuxSocket"], "/tmp/tmux-1000/default");
-    // Older files and macOS origins are unchanged.
-    const Origin mac({{"TERM_PROGRAM", "iTerm.app"}, {"__CFBundleIdentifier", "com.googlecode.iterm2"}},
-                     "/dev/ttys003");
-    EXPECT_EQ(toJson(mac).dump(),
-              R"({"bundleId":"com.googlecode.iterm2","termProgram":"iTerm.app","tty":"/dev/ttys003"})");
-    EXPECT_EQ(originFromJson(skeldrin::Json::parse(R"({"termProgram":"xterm"})")).tmuxPane, std::nullopt);
+    EXPECT_EQ(originFromJson(toJson(origin)), origin);
 }
 
 TEST(LinuxOrigin, EditorExecutableIsTheNearestKnownAncestor)
 {
     EXPECT_EQ(skeldrin::editorExecutable({"/usr/bin/bash", "/opt/Cursor/cursor", "/usr/share/code/code"}),
               "cursor");
-    EXPECT_EQ(skeldrin::editorExecutable({"/usr/bin/bash", "/usr/bin/xterm"}), std::nullopt);
     EXPECT_EQ(skeldrin::editorExecutable({"/usr/bin/codex"}), std::nullopt);
 }
 
-struct Resolution {
-    const char* name;
-    Environment environment;
-    std::optional<lj::Target> expected;
-};
-
 TEST(LinuxJumpTarget, FirstKnownPlaceWinsThenTheEditorOrTheNearestWindow)
 {
-    const std::vector<Resolution> table = {
-        {"tmux inside kitty",
-         {{"TMUX", "/tmp/t/s,1,0"}, {"TMUX_PANE", "%12"}, {"KITTY_WINDOW_ID", "2"}},
+    const std::pair<Environment, std::optional<lj::Target>> table[] = {
+        {{{"TMUX", "/tmp/t/s,1,0"}, {"TMUX_PANE", "%12"}, {"KITTY_WINDOW_ID", "2"}},
          lj::TmuxPane{"/tmp/t/s", "%12"}},
-        {"tmux without pane falls to kitty",
-         {{"TMUX", "/tmp/t/s,1,0"}, {"KITTY_WINDOW_ID", "2"}},
-         lj::KittyWindow{std::nullopt, "2"}},
-        {"kitty with address",
-         {{"KITTY_WINDOW_ID", "2"}, {"KITTY_LISTEN_ON", "unix:@mykitty"}, {"WEZTERM_PANE", "1"}},
-         lj::KittyWindow{"unix:@mykitty", "2"}},
-        {"wezterm",
-         {{"WEZTERM_PANE", "5"}, {"WEZTERM_UNIX_SOCKET", "/run/user/1/wezterm/sock"}, {"WINDOWID", "9"}},
+        {{{"TMUX", "/tmp/t/s,1,0"}, {"KITTY_WINDOW_ID", "2"}}, lj::KittyWindow{std::nullopt, "2"}},
+        {{{"WEZTERM_PANE", "5"}, {"WEZTERM_UNIX_SOCKET", "/run/user/1/wezterm/sock"}, {"WINDOWID", "9"}},
          lj::WeztermPane{"/run/user/1/wezterm/sock", "5"}},
-        {"konsole",
-         {{"KONSOLE_DBUS_SERVICE", "org.kde.konsole-311"},
+        {{{"KONSOLE_DBUS_SERVICE", "org.kde.konsole-311"},
           {"KONSOLE_DBUS_SESSION", "/Sessions/4"},
           {"KONSOLE_DBUS_WINDOW", "/Windows/1"},
           {"WINDOWID", "77"}},
          lj::KonsoleSession{"org.kde.konsole-311", 4, 1, 77u}},
-        {"vscode terminal",
-         {{"TERM_PROGRAM", "vscode"}, {"CLAUDE_PROJECT_DIR", "/home/ada/p"}, {"WINDOWID", "9"}},
+        {{{"TERM_PROGRAM", "vscode"}, {"CLAUDE_PROJECT_DIR", "/home/ada/p"}, {"WINDOWID", "9"}},
          lj::EditorFolder{"code", "/home/ada/p", std::nullopt}},
-        {"xterm", {{"WINDOWID", "4194318"}, {"TERM_PROGRAM", "xterm"}}, lj::X11Window{4194318u}},
-        {"nothing known", {{"TERM", "xterm-256color"}}, std::nullopt},
+        {{{"WINDOWID", "4194318"}, {"TERM_PROGRAM", "xterm"}}, lj::X11Window{4194318u}},
+        {{{"TERM", "xterm-256color"}}, std::nullopt},
     };
-    for (const Resolution& row : table)
-        EXPECT_EQ(lj::resolve(sessionFrom(row.environment)), row.expected) << row.name;
+    for (const auto& [environment, expected] : table)
+        EXPECT_EQ(lj::resolve(sessionFrom(environment)), expected) << environment.begin()->first;
     // Any live process falls back to its nearest window.
     EXPECT_EQ(lj::resolve(sessionFrom({}, ProcessRef{4242, 1.5})), lj::Target(lj::X11Window{}));
 
@@ -105,15 +80,13 @@ TEST(LinuxJumpTarget, HostileValuesAreRefusedByNameNeverPassedOn)
 {
     const std::vector<Environment> table = {
         {{"TMUX", "relative/sock,1,0"}, {"TMUX_PANE", "%1"}},
-        {{"TMUX", "/tmp/s,1,0"}, {"TMUX_PANE", "%1; kill-server"}},
         {{"TMUX", "/tmp/s,1,0"}, {"TMUX_PANE", "1"}},
-        {{"KITTY_WINDOW_ID", "1 or 2"}},
+        {{"TMUX", "/tmp/s,1,0"}, {"TMUX_PANE", "%x"}},
         {{"KITTY_WINDOW_ID", "1"}, {"KITTY_LISTEN_ON", "unix:relative"}},
         {{"KITTY_WINDOW_ID", "1"}, {"KITTY_LISTEN_ON", "tcp:evil host:1"}},
         {{"WEZTERM_PANE", "-1"}},
         {{"WEZTERM_PANE", "1"}, {"WEZTERM_UNIX_SOCKET", "sock"}},
         {{"KONSOLE_DBUS_SERVICE", "org..kde"}, {"KONSOLE_DBUS_SESSION", "/Sessions/1"}},
-        {{"KONSOLE_DBUS_SERVICE", "konsole"}, {"KONSOLE_DBUS_SESSION", "/Sessions/1"}},
         {{"KONSOLE_DBUS_SERVICE", ":1.4"}, {"KONSOLE_DBUS_SESSION", "/Sessions/../1"}},
         {{"TERM_PROGRAM", "vscode"}, {"CLAUDE_PROJECT_DIR", "relative"}},
         {{"WINDOWID", "0x400001"}},
@@ -124,33 +97,20 @@ TEST(LinuxJumpTarget, HostileValuesAreRefusedByNameNeverPassedOn)
     Session editor = sessionFrom({{"TERM_PROGRAM", "vscode"}});
     editor.origin.editorExecutable = "rm";
     EXPECT_THROW(lj::resolve(editor), InvalidJumpValue);
-    try {
-        lj::resolve(sessionFrom({{"TMUX", "/tmp/s,1,0"}, {"TMUX_PANE", "%x"}}));
-        FAIL() << "not refused";
-    } catch (const InvalidJumpValue& error) {
-        EXPECT_STREQ(error.what(), "This session recorded an unexpected tmux pane: %x");
-    }
 }
 
 TEST(LinuxJumpTarget, DBusNames)
 {
-    for (const char* good : {":1.42", "org.kde.konsole-311", "org.kde.konsole", "a_b.c-d"})
+    for (const char* good : {":1.42", "org.kde.konsole-311"})
         EXPECT_TRUE(lj::isDBusBusName(good)) << good;
-    for (const char* bad : {"", ":", "org", "org.", ".org", "org.3kde", "org.kde/x", "org.kde konsole"})
+    for (const char* bad : {"", "org", "org.", "org.3kde", "org.kde/x"})
         EXPECT_FALSE(lj::isDBusBusName(bad)) << bad;
 }
 
-TEST(LinuxJumpTarget, CommandLines)
+TEST(LinuxJumpTarget, KittyWithoutAnAddressUsesItsDefaultSocket)
 {
-    EXPECT_EQ(lj::tmuxCommands({"/tmp/s", "%3"}).at(1),
-              (std::vector<std::string>{"tmux", "-S", "/tmp/s", "select-pane", "-t", "%3"}));
-    EXPECT_EQ(
-        lj::kittyCommand({"unix:/run/k", "7"}),
-        (std::vector<std::string>{"kitty", "@", "--to", "unix:/run/k", "focus-window", "--match", "id:7"}));
     EXPECT_EQ(lj::kittyCommand({std::nullopt, "7"}),
               (std::vector<std::string>{"kitty", "@", "focus-window", "--match", "id:7"}));
-    EXPECT_EQ(lj::weztermCommand({std::nullopt, "5"}),
-              (std::vector<std::string>{"wezterm", "cli", "activate-pane", "--pane-id", "5"}));
 }
 
 } // namespace

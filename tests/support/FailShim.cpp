@@ -1,15 +1,11 @@
-// Makes chosen system calls fail, for tests of what the store and the settings editor do when the disk
-// or the system does. Loaded with LD_PRELOAD into a dynamically linked hook (rule in $SKELDRIN_FAIL) or
-// linked into a test ahead of the C library (rule set with skeldrin_fail). A rule is
-// "call:error[:skip[:times]]": the named call fails with that error number after `skip` calls succeed,
-// `times` times (default: always). Only calls that write are counted: open with O_CREAT, write to a
-// descriptor above 2, fsync, rename, link, unlink, mkdir, flock.
-#include <atomic>
+// Makes chosen system calls fail: preloaded into a dynamically linked hook (rule in $SKELDRIN_FAIL) or linked
+// into a test ahead of the C library (skeldrin_fail). A rule "call:error[:skip[:times]]" fails that call with
+// that error after `skip` calls succeed, `times` times (default: always). Only calls that write count: open
+// with O_CREAT, write above descriptor 2, fsync, rename, link, unlink, mkdir, flock.
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <mutex>
@@ -42,10 +38,8 @@ void parse(const char* text)
 bool fails(const char* call)
 {
     std::lock_guard lock(mutex);
-    if (!loaded) {
-        parse(std::getenv("SKELDRIN_FAIL"));
-        loaded = true;
-    }
+    if (!loaded) parse(std::getenv("SKELDRIN_FAIL"));
+    loaded = true;
     if (rule.call != call || rule.times == 0) return false;
     if (rule.skip > 0) return --rule.skip, false;
     if (rule.times > 0) --rule.times;
@@ -83,31 +77,19 @@ int open(const char* path, int flags, ...)
     return next(path, flags, mode);
 }
 
-ssize_t write(int fd, const void* data, size_t size)
-{
-    if (fd > 2 && fails("write")) return -1;
-    static const auto next = real<ssize_t (*)(int, const void*, size_t)>("write");
-    return next(fd, data, size);
-}
-
-// These fail by the rule, or go on to the C library's.
-#define SKELDRIN_FAILING(call, params, args)                                                                 \
-    int call params                                                                                          \
+// These fail when the rule says so, or go on to the C library's.
+#define SKELDRIN_FAILING(type, call, params, args, when)                                                     \
+    type call params                                                                                         \
     {                                                                                                        \
-        if (fails(#call)) return -1;                                                                         \
-        static const auto next = real<int(*) params>(#call);                                                 \
+        if ((when) && fails(#call)) return -1;                                                               \
+        static const auto next = real<type(*) params>(#call);                                                \
         return next args;                                                                                    \
     }
-SKELDRIN_FAILING(fsync, (int fd), (fd))
-SKELDRIN_FAILING(rename, (const char* from, const char* to), (from, to))
-SKELDRIN_FAILING(link, (const char* from, const char* to), (from, to))
-SKELDRIN_FAILING(unlink, (const char* path), (path))
-SKELDRIN_FAILING(mkdir, (const char* path, mode_t mode), (path, mode))
-
-int flock(int fd, int operation)
-{
-    if ((operation & LOCK_EX) && fails("flock")) return -1;
-    static const auto next = real<int (*)(int, int)>("flock");
-    return next(fd, operation);
-}
+SKELDRIN_FAILING(ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size), fd > 2)
+SKELDRIN_FAILING(int, fsync, (int fd), (fd), true)
+SKELDRIN_FAILING(int, rename, (const char* from, const char* to), (from, to), true)
+SKELDRIN_FAILING(int, link, (const char* from, const char* to), (from, to), true)
+SKELDRIN_FAILING(int, unlink, (const char* path), (path), true)
+SKELDRIN_FAILING(int, mkdir, (const char* path, mode_t mode), (path, mode), true)
+SKELDRIN_FAILING(int, flock, (int fd, int operation), (fd, operation), operation& LOCK_EX)
 }
