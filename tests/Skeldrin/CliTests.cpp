@@ -1,6 +1,5 @@
 // The command line end to end: the real skeldrin-hook writes sessions into a temporary home, the real
-// skeldrin reads them back. The table for people is also checked in process, where colour and terminal
-// width can be chosen.
+// skeldrin reads them back. The table for people is also checked in process, for colour and width.
 #include "Skeldrin/cli/Cli.h"
 #include "Skeldrin/cli/Watch.h"
 #include "TrackerCore/HookInstaller.h"
@@ -157,33 +156,16 @@ class CliTests : public QObject {
         hook(payload("PermissionRequest", "main-wait",
                      R"(,"tool_name":"Bash","tool_input":{"command":"ls"})"));
         hook(payload("Stop", "child"), underStandIn("main-wait"));
-        // A ready session whose transcript shows a background task still running, and its own title.
-        const QString transcript = path("bg.jsonl");
-        writeText(transcript.toStdString(),
-                  R"({"type":"custom-title","customTitle":"Ship it"})"
-                  "\n" +
-                      QStringLiteral(R"({"type":"assistant","timestamp":"%1","message":{"content":[)"
-                                     R"({"type":"tool_use","id":"toolu_docs","name":"Bash","input":)"
-                                     R"({"description":"Build the docs","command":"make docs",)"
-                                     R"("run_in_background":true}}]}})")
-                          .arg(QString::fromStdString(formatIso8601(SystemClock().now())))
-                          .toStdString() +
-                      "\n");
-        hook(payload("Stop", "bg-parent", QStringLiteral(R"(,"transcript_path":"%1")").arg(transcript)));
         hook(payload("Stop", "orphan"), underStandIn("gone-parent"));
 
         QJsonObject status = statusJson();
-        QCOMPARE(idsOf(status),
-                 (QStringList{"main-run", "main-wait", "child", "bg-parent", "task-toolu_docs", "orphan"}));
+        QCOMPARE(idsOf(status), (QStringList{"main-run", "main-wait", "child", "orphan"}));
         QCOMPARE(status["mostUrgent"].toString(), "waiting");
         compareFields(
             status, "main-run",
             "role=main|shade=running|name=alpha|app=iTerm|place=iTerm|lastPrompt=fix the build|endedAt=null");
         compareFields(status, "main-wait", "shade=waiting|name=Deploy|runCount=1|lastPrompt=null");
         compareFields(status, "child", "role=child|shade=ready|seen=false|place=Run by Deploy");
-        compareFields(status, "bg-parent", "shade=waitingOnRuns|name=Ship it|runCount=1|runsFolded=false");
-        compareFields(status, "task-toolu_docs",
-                      "role=child|shade=running|name=Build the docs|place=Run by Ship it");
         compareFields(status, "orphan", "role=detached|place=Background job");
         const QString changedAt = rowOf(status, "main-run")["changedAt"].toString();
         QVERIFY(parseIso8601(changedAt.toStdString()) && changedAt.endsWith('Z'));
@@ -199,22 +181,17 @@ class CliTests : public QObject {
         const Ran text = skeldrin({"status"});
         QCOMPARE(text.exitCode, 0);
         const QString out = QString::fromUtf8(text.out);
-        QVERIFY2(out.startsWith("6 sessions · most urgent: Needs several approvals"), qPrintable(out));
-        for (const char* word : {"Running", "Needs several approvals", "Ready", "Waiting on background work",
-                                 "Run by Deploy", "Background job", "fix the build"})
+        QVERIFY2(out.startsWith("4 sessions · most urgent: Needs several approvals"), qPrintable(out));
+        for (const char* word : {"Running", "Ready", "Background job", "fix the build"})
             QVERIFY2(out.contains(QLatin1String(word)), word);
         QVERIFY(!out.contains('\x1b'));
-        QCOMPARE(lineWith(out, "Run by Deploy").indexOf("Ready"), 0);
         QCOMPARE(lineWith(out, "Deploy").indexOf("Deploy") + 2,
                  lineWith(out, "Run by Deploy").indexOf("alpha"));
     }
 
     void namesFollowTheHeadlineSettingAndEndedSessionsSaySo()
     {
-        const Ran empty = skeldrin({"status"});
-        QCOMPARE(empty.exitCode, 0);
-        QVERIFY(empty.out.startsWith("No sessions.\n"));
-        QCOMPARE(statusJson(), (QJsonObject{{"mostUrgent", QJsonValue::Null}, {"sessions", QJsonArray()}}));
+        QVERIFY(skeldrin({"status"}).out.startsWith("No sessions.\n"));
 
         const Date now = SystemClock().now();
         Session titled("titled", "claude", "/work/beta", Origin{}, std::nullopt, now);
@@ -232,7 +209,6 @@ class CliTests : public QObject {
 
         QJsonObject status = statusJson();
         QCOMPARE(idsOf(status), (QStringList{"titled", "ended"}));
-        QCOMPARE(status["mostUrgent"].toString(), "ready");
         compareFields(status, "titled",
                       "name=Login work|seen=true|app=Terminal|changedAt=" +
                           QString::fromStdString(formatIso8601(now)));
@@ -276,9 +252,8 @@ class CliTests : public QObject {
         QCOMPARE(lines[2].indexOf("Parent title") + 2, lines[3].indexOf("Child"));
         QCOMPARE(lines[2].indexOf("Terminal"), lines[3].indexOf("Run by Parent title"));
 
-        const std::string plain = cli::statusTable(*app.model, now, {false, std::nullopt});
-        QVERIFY(plain.find('\x1b') == std::string::npos);
-        QVERIFY(plain.find("reads lines lazily and stops early") != std::string::npos);
+        QVERIFY(cli::statusTable(*app.model, now, {false, std::nullopt}).find("stops early") !=
+                std::string::npos);
 
         const auto ago = [&](int seconds) {
             return QString::fromStdString(cli::elapsed(now - std::chrono::seconds(seconds), now));
@@ -307,9 +282,7 @@ class CliTests : public QObject {
 
         const Ran missing = skeldrin({"transcript", path("none.jsonl")});
         QCOMPARE(missing.exitCode, 1);
-        QCOMPARE(missing.out, QByteArray());
-        QCOMPARE(missing.err.count('\n'), 1);
-        QVERIFY(missing.err.contains("none.jsonl"));
+        QVERIFY(missing.out.isEmpty() && missing.err.contains("none.jsonl"));
     }
 
     void connectAndDisconnectEditOnlyTheirOwnHooks()
@@ -318,9 +291,7 @@ class CliTests : public QObject {
         QVERIFY(QDir().mkpath(path(".claude")));
         const std::string array = "[\"not\", \"an object\"]\n";
         writeText(settingsFile().toStdString(), array);
-        const Ran refused = skeldrin({"connect"});
-        QCOMPARE(refused.exitCode, 1);
-        QVERIFY(refused.err.startsWith("Couldn't update Claude Code settings: "));
+        QVERIFY(skeldrin({"connect"}).err.startsWith("Couldn't update Claude Code settings: "));
         QCOMPARE(readText(settingsFile().toStdString()), array);
         QCOMPARE(QDir(path(".claude")).entryList(QDir::Files), QStringList{"settings.json"});
 
@@ -333,13 +304,10 @@ class CliTests : public QObject {
         };
         QCOMPARE(skeldrin({"hooks"}).out, "notInstalled\n");
 
-        const Ran connected = skeldrin({"connect"});
-        QCOMPARE(connected.exitCode, 0);
-        QVERIFY(connected.out.contains("installed") && connected.out.contains(settingsFile().toUtf8()));
+        QVERIFY(skeldrin({"connect"}).out.contains(settingsFile().toUtf8()));
         QCOMPARE(skeldrin({"hooks"}).out, "installed\n");
         QCOMPARE(settings()["model"].toString(), "opus");
         const QJsonObject hooks = settings()["hooks"].toObject();
-        QCOMPARE(hooks.size(), 11);
         const std::string command =
             HookInstaller::command(QFileInfo(kHook).canonicalFilePath().toStdString());
         for (const auto& row : HookInstaller::events()) {
@@ -349,12 +317,9 @@ class CliTests : public QObject {
         }
         QCOMPARE(hooks["Stop"].toArray().size(), 2);
 
-        const Ran disconnected = skeldrin({"disconnect"});
-        QCOMPARE(disconnected.exitCode, 0);
-        QVERIFY(disconnected.out.contains("notInstalled"));
+        QCOMPARE(skeldrin({"disconnect"}).exitCode, 0);
         QVERIFY(!QJsonDocument(settings().toObject()).toJson().contains("skeldrin-hook"));
         QCOMPARE(settings()["hooks"]["Stop"][0]["hooks"][0]["command"].toString(), "notify-send done");
-        QCOMPARE(skeldrin({"hooks"}).out, "notInstalled\n");
     }
 
     void usage()
@@ -363,13 +328,11 @@ class CliTests : public QObject {
         QCOMPARE(help.exitCode, 0);
         QVERIFY(help.out.contains("Usage: skeldrin"));
         QCOMPARE(skeldrin({"--version"}).out, "skeldrin " SKELDRIN_VERSION "\n");
-        for (const QStringList& wrong :
-             {QStringList{"frobnicate"}, QStringList{"status", "--verbose"}, QStringList{"transcript"},
-              QStringList{"hooks", "--json"}, QStringList{"--nope"}, QStringList{"status", "extra"}}) {
+        for (const QStringList& wrong : {QStringList{"frobnicate"}, QStringList{"transcript"},
+                                         QStringList{"hooks", "--json"}, QStringList{"status", "extra"}}) {
             const Ran ran = skeldrin(wrong);
             QCOMPARE(ran.exitCode, 2);
-            QCOMPARE(ran.out, QByteArray());
-            QVERIFY(ran.err.contains("Usage: skeldrin"));
+            QVERIFY(ran.out.isEmpty() && ran.err.contains("Usage: skeldrin"));
         }
     }
 

@@ -55,13 +55,9 @@ private Q_SLOTS:
         QCOMPARE(rows[0].runCount, 1);                    // but not for the count
         QVERIFY(!rows[0].seen());
 
-        rows = SessionList::arrange({make("p"), make("k1", "p")}, {});
-        QVERIFY(rows[0].shade == Shade::of(Status::ready));
         Session busy = make("q", std::nullopt, Status::waiting);
         rows = SessionList::arrange({busy, make("k", "q", Status::running)}, {});
         QVERIFY(rows[0].shade == Shade::of(Status::waiting)); // only a ready parent waits on runs
-        QCOMPARE(std::string(rows[0].shade.rawValue()), std::string("waiting"));
-        QCOMPARE(std::string(Shade::waitingOnRuns().rawValue()), std::string("waitingOnRuns"));
     }
 
     void foldingAndDismissingHideDescendants()

@@ -134,10 +134,10 @@ class SessionsModelTests : public QObject {
         const auto bytes = files::readWholeFile(w->sessionsDir / (id + ".json"));
         return bytes ? std::optional(decodeSession(*bytes)) : std::nullopt;
     }
-    fs::path writeTranscript(const std::string& name, const std::string& content)
+    fs::path writeTranscript(const std::string& content)
     {
-        std::ofstream(w->root / name) << content;
-        return w->root / name;
+        std::ofstream(w->root / "t.jsonl") << content;
+        return w->root / "t.jsonl";
     }
     static std::string ids(const std::vector<ListedSession>& rows)
     {
@@ -162,8 +162,8 @@ class SessionsModelTests : public QObject {
             order += s.id;
         QCOMPARE(order, std::string("cab")); // oldest first, equal starts by id
 
-        const std::string same = encodeSession(*read("a"));
-        std::ofstream(w->sessionsDir / "a.json") << same; // the same content again
+        const std::string same = encodeSession(*read("a")); // the same content again
+        std::ofstream(w->sessionsDir / "a.json") << same;
         model->reload();
         QCOMPARE(changed.count(), 0);
 
@@ -172,14 +172,6 @@ class SessionsModelTests : public QObject {
         model->reload();
         QCOMPARE(changed.count(), 1);
         QCOMPARE(model->stored().size(), std::size_t(4));
-
-        // Later, when every file has settled, reloads that find nothing new keep the list as it is.
-        w->clock.offset = minutes(5);
-        model->reload();
-        model->reload();
-        model->refreshCycle();
-        QCOMPARE(model->stored().size(), std::size_t(4));
-        QCOMPARE(changed.count(), 1);
     }
 
     void watchReloadsAndSurvivesTheDirectoryGoing()
@@ -194,23 +186,20 @@ class SessionsModelTests : public QObject {
         model->refreshCycle();
         QCOMPARE(model->stored().size(), std::size_t(2)); // the last list stays
 
-        put("c", 3); // the hook recreates the directory
-        model->refreshCycle();
-        QCOMPARE(model->stored().size(), std::size_t(1));
-        put("d", 2); // and the watch is back
+        put("c", 3); // the hook recreates the directory, and the watch is back
+        put("d", 2);
         QTRY_COMPARE(model->stored().size(), std::size_t(2));
     }
 
     void transcriptsGiveTitlesRunsAndInterrupts()
     {
         const auto transcript = writeTranscript(
-            "t.jsonl", R"({"type":"custom-title","customTitle":"Ship it"})"
-                       "\n" +
-                           backgroundRun("old", realNow() - hours(5), "sleep 1") +
-                           backgroundRun("t1", realNow() - seconds(30), "npm run dev") +
-                           R"({"type":"user","message":{"content":[{"type":"tool_result","tool_use_id":"t1",)"
-                           R"("content":"Command running in background with ID: b1. timeout 600000ms"}]}})"
-                           "\n");
+            R"({"type":"custom-title","customTitle":"Ship it"})"
+            "\n" +
+            backgroundRun("old", realNow() - hours(5), "sleep 1") +
+            backgroundRun("t1", realNow() - seconds(30), "npm run dev") +
+            R"({"type":"user","message":{"content":[{"type":"tool_result","tool_use_id":"t1",)"
+            R"("content":"Command running in background with ID: b1. timeout 600000ms"}]}})");
         put("s", 60, [&](Session& s) {
             s.transcriptPath = transcript.string();
             s.process = ProcessRef{77, secondsSince1970(realNow() - hours(1))};
@@ -218,27 +207,20 @@ class SessionsModelTests : public QObject {
         w->processes.alive[77] = read("s")->process->startTime;
         auto model = makeModel();
         model->readTranscripts();
-        QCOMPARE(model->transcriptTitles().at("s"), std::string("Ship it"));
-        const auto& tasks = model->backgroundTasks().at("s");
-        QCOMPARE(tasks.size(), std::size_t(1)); // the task from before this process started is not shown
-        QCOMPARE(tasks[0].title, std::string("npm run dev"));
+        QCOMPARE(model->backgroundTasks().at("s").size(),
+                 std::size_t(1)); // not the one from before the process
 
         const auto rows = model->list();
         QCOMPARE(ids(rows), std::string("s task-t1"));
         QVERIFY(rows[0].shade == Shade::waitingOnRuns());
-        QCOMPARE(rows[0].runCount, 1);
-        QCOMPARE(rows[1].role, ListedSession::Role::child);
         QCOMPARE(model->displayName(rows[0].session), std::string("Ship it"));
         QCOMPARE(*model->parentName(rows[1].session), std::string("Ship it"));
-
         model->toggleRuns(rows[0]);
         QCOMPARE(ids(model->list()), std::string("s"));
-        QVERIFY(model->list()[0].runsFolded);
 
         // The run expires 10 minutes after it started, on a tick, with no file change.
         w->clock.offset = minutes(11);
         model->refreshCycle();
-        QVERIFY(model->backgroundTasks().at("s").empty());
         QVERIFY(model->list()[0].shade == Shade::of(Status::ready));
     }
 
@@ -246,9 +228,8 @@ class SessionsModelTests : public QObject {
     {
         const std::string stamp = formatIso8601(realNow() + seconds(5));
         const auto transcript =
-            writeTranscript("i.jsonl", R"({"type":"user","timestamp":")" + stamp +
-                                           R"(","message":{"content":)"
-                                           R"("[Request interrupted by user for tool use]"}})");
+            writeTranscript(R"({"type":"user","timestamp":")" + stamp +
+                            R"(","message":{"content":"[Request interrupted by user for tool use]"}})");
         for (const char* id : {"run", "old"})
             put(id, 60, [&](Session& s) {
                 s.transcriptPath = transcript.string();
@@ -264,25 +245,19 @@ class SessionsModelTests : public QObject {
 
     void unchangedTranscriptsAreNotReadAgain()
     {
-        const auto transcript = writeTranscript("u.jsonl", R"({"type":"ai-title","aiTitle":"First"})"
-                                                           "\n");
+        const auto transcript = writeTranscript(R"({"type":"ai-title","aiTitle":"First"})"
+                                                "\n");
         const auto old = fs::last_write_time(transcript) - hours(1);
         fs::last_write_time(transcript, old);
         put("s", 60, [&](Session& s) { s.transcriptPath = transcript.string(); });
         auto model = makeModel();
         model->readTranscripts();
-        QCOMPARE(model->transcriptTitles().at("s"), std::string("First"));
-
-        writeTranscript("u.jsonl", R"({"type":"ai-title","aiTitle":"Second"})"
-                                   "\n");
+        writeTranscript(R"({"type":"ai-title","aiTitle":"Second"})"
+                        "\n");
         fs::last_write_time(transcript, old); // same time: taken as unchanged
         model->readTranscripts();
         QCOMPARE(model->transcriptTitles().at("s"), std::string("First"));
         fs::last_write_time(transcript, old + minutes(1));
-        model->readTranscripts();
-        QCOMPARE(model->transcriptTitles().at("s"), std::string("Second"));
-
-        fs::remove(transcript); // a vanished transcript keeps what was known
         model->readTranscripts();
         QCOMPARE(model->transcriptTitles().at("s"), std::string("Second"));
     }
@@ -302,76 +277,43 @@ class SessionsModelTests : public QObject {
         model->refreshCycle();
         QVERIFY(!read("cli"));
         const auto ended = read("vscode");
-        QVERIFY(ended && ended->endedAt && !ended->process);
-        QCOMPARE(ended->phase, Phase::idle);
-        QVERIFY(read("alive") && read("noprocess"));
+        QVERIFY(ended && ended->endedAt && !ended->process && ended->phase == Phase::idle);
         QCOMPARE(model->stored().size(), std::size_t(3));
         QCOMPARE(model->runningClaudes(), QStringList{"/opt/claude/12/claude"});
     }
 
-    void jumpingMarksSeenOrDeletesAndReportsFailures()
+    void jumpingAndDismissingMarkSeenHideOrDelete()
     {
         put("ready", 30);
         put("waiting", 20, [](Session& s) { s.pendingApprovals = 1; });
         put("ended", 10, [](Session& s) { s.endedAt = realNow(); });
+        put("kid", 5, [](Session& s) {
+            s.parentId = "waiting";
+            s.phase = Phase::running;
+        });
         auto model = makeModel();
         for (const auto& row : model->list())
             model->jump(row);
         QVERIFY(read("ready")->seenAt);
         QVERIFY(!read("waiting")->seenAt);
         QVERIFY(!read("ended"));
-        QCOMPARE(w->jumper.jumped.size(), std::size_t(3));
-        QVERIFY(model->list()[0].seen());
-        QCOMPARE(model->mostUrgent(), std::optional(Status::waiting));
+        QCOMPARE(w->jumper.jumped.size(), std::size_t(4));
+
+        model->dismiss(*read("waiting"));
+        QVERIFY(read("waiting")->dismissedAt);
+        QCOMPARE(model->mostUrgent(), std::optional(Status::ready)); // children never count
 
         w->jumper.failWith = "The app that started this session (com.x) isn't installed.";
-        put("other", 5, [](Session& s) { s.title = "Other work"; });
+        put("other", 1, [](Session& s) { s.title = "Other work"; });
         model->reload();
         model->jump(model->list().back());
-        QCOMPARE(
-            w->alerts.shown,
-            QStringList{
-                "Couldn't open Other work | The app that started this session (com.x) isn't installed."});
+        QCOMPARE(w->alerts.shown, QStringList{"Couldn't open Other work | "
+                                              "The app that started this session (com.x) isn't installed."});
         QVERIFY(!read("other")->seenAt);
-    }
-
-    void dismissingHidesLiveSessionsAndDeletesEndedOnes()
-    {
-        put("live", 20);
-        put("ended", 10, [](Session& s) { s.endedAt = realNow(); });
-        auto model = makeModel();
-        model->dismiss(*read("live"));
-        model->dismiss(*read("ended"));
-        QVERIFY(read("live")->dismissedAt);
-        QVERIFY(!read("ended"));
-        QVERIFY(model->list().empty());
-        QCOMPARE(model->mostUrgent(), std::optional<Status>());
 
         fs::create_directories(w->sessionsDir / "odd.json"); // cannot be read as a file
         model->dismiss(Session("odd", "claude", "/w/odd", {}, std::nullopt, realNow()));
-        QCOMPARE(w->alerts.shown.size(), 1);
-        QVERIFY(w->alerts.shown[0].startsWith("Couldn't remove odd | "));
-    }
-
-    void mostUrgentSumsUpMainRows()
-    {
-        put("run", 30, [](Session& s) { s.phase = Phase::running; });
-        put("wait", 20, [](Session& s) { s.pendingApprovals = 1; });
-        put("kid", 10, [](Session& s) {
-            s.parentId = "run";
-            s.pendingApprovals = 2;
-        });
-        auto model = makeModel();
-        QCOMPARE(model->mostUrgent(), std::optional(Status::waiting)); // children never count
-
-        w->store.remove("wait");
-        w->store.remove("kid");
-        change("run", [](Session& s) {
-            s.phase = Phase::idle;
-            s.seenAt = realNow();
-        });
-        model->reload();
-        QCOMPARE(model->mostUrgent(), std::optional(Status::ready));
+        QVERIFY(w->alerts.shown.last().startsWith("Couldn't remove odd | "));
     }
 
     void connectingAndDisconnectingClaudeCode()
@@ -392,14 +334,12 @@ class SessionsModelTests : public QObject {
         model->disconnectClaudeCode();
         QCOMPARE(model->hookState(), HookInstaller::State::notInstalled);
         QVERIFY(files::readWholeFile(w->claudeSettings).value().find("skeldrin-hook") == std::string::npos);
-        QVERIFY(w->alerts.shown.isEmpty());
 
         std::ofstream(w->claudeSettings) << "[1, 2]";
         model->connectClaudeCode();
         QCOMPARE(w->alerts.shown.size(), 1);
         QVERIFY(w->alerts.shown[0].startsWith("Couldn't update Claude Code settings | "));
         QCOMPARE(files::readWholeFile(w->claudeSettings).value(), std::string("[1, 2]"));
-        QCOMPARE(model->hookState(), HookInstaller::State::notInstalled);
     }
 
     void headlinesRunTwoAtATimeAndRememberFailures()
@@ -411,16 +351,14 @@ class SessionsModelTests : public QObject {
         model->setHeadlinesEnabled(true);
         QVERIFY(w->settings.boolValue("headlines.enabled", false));
         QCOMPARE(requests.size(), std::size_t(2));
-        QCOMPARE(requests[0].request.project, QStringLiteral("h1"));
         QCOMPARE(requests[0].request.prompt, QStringLiteral("make the parser faster please"));
 
         requests[0].done(QStringLiteral("Faster parser"));
-        QCOMPARE(read("h1")->headline, std::optional<std::string>("Faster parser"));
         QCOMPARE(read("h1")->headlinePrompt, read("h1")->lastPrompt);
         requests[1].done(Headliner::Failure{Headliner::Failure::Kind::claudeFailed, "exit status 2"});
         QCOMPARE(*model->headlineError(),
                  QStringLiteral("Claude Code couldn't write a headline: exit status 2"));
-        model->reload(); // h1's new headline: the third request starts, the failed one is not retried
+        model->reload(); // the third request starts, the failed one is not retried
         QCOMPARE(requests.size(), std::size_t(3));
         QCOMPARE(requests[2].request.project, QStringLiteral("h3"));
         QCOMPARE(model->displayName(*read("h1")), std::string("Faster parser"));
@@ -431,8 +369,7 @@ class SessionsModelTests : public QObject {
         QCOMPARE(requests.size(), std::size_t(3));
         change("h1", [](Session& s) { s.lastPrompt = "now add the json output"; });
         model->reload();
-        QCOMPARE(requests.size(), std::size_t(4));
-        QCOMPARE(*requests[3].request.previous, QStringLiteral("Faster parser"));
+        QCOMPARE(*requests.at(3).request.previous, QStringLiteral("Faster parser"));
 
         // Switching off and on forgets the failure.
         model->setHeadlinesEnabled(false);
@@ -458,13 +395,11 @@ class SessionsModelTests : public QObject {
             _exit(0);
         }
         const auto ref = ProcessInspector::ref(child);
-        QVERIFY(ref);
-        QVERIFY(table->isAlive(*ref));
+        QVERIFY(ref && table->isAlive(*ref));
         QVERIFY(table->isAlive(*ref));                                      // now answered by its pidfd
         QVERIFY(!table->isAlive(ProcessRef{ref->pid, ref->startTime + 1})); // same pid, another process
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
-        QVERIFY(!table->isAlive(*ref));
         QVERIFY(!table->isAlive(*ref));
     }
 };
