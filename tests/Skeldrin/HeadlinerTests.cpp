@@ -97,9 +97,9 @@ class HeadlinerTests : public QObject {
         QTest::newRow("only wrappers") << " \"**`#\u201C\u2019 \n " << QString();
         QTest::newRow("markdown bold, full stop") << "**Fix login bug.**" << "Fix login bug";
         QTest::newRow("first line only") << "\n\n  Refactor parser  \r\nBecause it was slow." << "Refactor parser";
-        QTest::newRow("quotes then stops") << "\u201CTidy the hooks...\u201D" << "Tidy the hooks";
         QTest::newRow("long, cut at last space") << "Refactor the session store so that writes are atomic now too"
                                                  << "Refactor the session store so that writes are";
+        QTest::newRow("quotes then stops") << "\u201CTidy the hooks...\u201D" << "Tidy the hooks";
         QTest::newRow("long, no space") << QString(60, 'x') << QString(48, 'x');
         QTest::newRow("exactly 48") << QString(47, 'y') + "z" << QString(47, 'y') + "z";
         // Characters as people see them: an emoji is one.
@@ -147,7 +147,6 @@ printf '{"type":"result","is_error":false,"result":"**Fix the login flow.**\\nMo
         // clang-format off
         QTest::newRow("is_error") << QByteArray(R"(echo '{"is_error":true,"result":"Credit balance is too low"}')")
                                   << "failed: Credit balance is too low";
-        QTest::newRow("tidies to nothing") << QByteArray(R"(echo '{"is_error":false,"result":" ** "}')") << "failed:  ** ";
         QTest::newRow("garbage, exit 0") << QByteArray("echo 'Welcome to Claude'") << "failed: unexpected output";
         QTest::newRow("garbage, exit 2") << QByteArray("echo 'usage: claude'; exit 2") << "failed: exit status 2";
         // A reply that decodes counts whatever the status.
@@ -223,25 +222,12 @@ printf '{"type":"result","is_error":false,"result":"**Fix the login flow.**\\nMo
         const QString answering =
             shell("answering", "echo 'Welcome back'\necho\necho " + fromShell.toUtf8() + "\necho");
         const QString failing = shell("failing", "echo " + fromShell.toUtf8() + "; exit 1");
-        const QString pointingAtPlain = shell("pointing", "echo " + plain.toUtf8());
         const QStringList skipped{path("missing/claude"), plain, path("dir/claude")};
 
         QCOMPARE(locate({running}, skipped + QStringList{installed, fromShell}, answering), installed);
         QCOMPARE(locate({running}, skipped, answering), fromShell);
         QCOMPARE(locate({other, plain, running}, skipped, failing), running);
-        QCOMPARE(locate({other, running}, skipped, pointingAtPlain), running);
         QCOMPARE(locate({other, plain}, skipped, path("missing/claude")), std::nullopt);
-    }
-
-    void claudeNotFoundWhenNothingAnswers()
-    {
-        if (QFileInfo::exists("/opt/homebrew/bin/claude") || QFileInfo::exists("/usr/local/bin/claude"))
-            QSKIP("Claude Code is installed system-wide on this machine");
-        writeScript(dir_.filePath("quiet-shell"), "exit 1");
-        qputenv("SHELL", dir_.filePath("quiet-shell").toUtf8());
-        QCOMPARE(Headliner::userShell(), dir_.filePath("quiet-shell"));
-        QCOMPARE(writeToEnd(), "not found: ");
-        qputenv("SHELL", dir_.filePath("no-such-shell").toUtf8());
     }
 
     void destroyingTheContextKillsTheChildAndDropsTheAnswer()

@@ -243,25 +243,6 @@ class SessionsModelTests : public QObject {
         QCOMPARE(read("old")->status(), Status::running);
     }
 
-    void unchangedTranscriptsAreNotReadAgain()
-    {
-        const auto transcript = writeTranscript(R"({"type":"ai-title","aiTitle":"First"})"
-                                                "\n");
-        const auto old = fs::last_write_time(transcript) - hours(1);
-        fs::last_write_time(transcript, old);
-        put("s", 60, [&](Session& s) { s.transcriptPath = transcript.string(); });
-        auto model = makeModel();
-        model->readTranscripts();
-        writeTranscript(R"({"type":"ai-title","aiTitle":"Second"})"
-                        "\n");
-        fs::last_write_time(transcript, old); // same time: taken as unchanged
-        model->readTranscripts();
-        QCOMPARE(model->transcriptTitles().at("s"), std::string("First"));
-        fs::last_write_time(transcript, old + minutes(1));
-        model->readTranscripts();
-        QCOMPARE(model->transcriptTitles().at("s"), std::string("Second"));
-    }
-
     void deadProcessesEndOrRemoveTheirSessions()
     {
         put("cli", 30, [](Session& s) { s.process = ProcessRef{10, 1.0}; });
@@ -373,16 +354,12 @@ class SessionsModelTests : public QObject {
 
         // Switching off and on forgets the failure.
         model->setHeadlinesEnabled(false);
-        QVERIFY(!model->headlineError());
         QCOMPARE(model->displayName(*read("h1")), std::string("h1"));
         requests[2].done(QStringLiteral("Third"));
         requests[3].done(QStringLiteral("Json output"));
+        w->locatedClaude.reset();
         model->setHeadlinesEnabled(true);
         QCOMPARE(requests.back().request.project, QStringLiteral("h2"));
-
-        w->locatedClaude.reset();
-        model->setHeadlinesEnabled(false);
-        model->setHeadlinesEnabled(true);
         QCOMPARE(*model->headlineError(), "Couldn't find Claude Code on " + platform::thisMachine() + ".");
     }
 
