@@ -81,12 +81,6 @@ class HeadlinerTests : public QObject {
 
     void cleanup() { QFile::remove(claude_); }
 
-    void messageHasOnlyThePresentLines()
-    {
-        QCOMPARE(Headliner::message({"p", std::nullopt, "Old", "new work\nsecond line"}),
-                 "Project folder: p\nPrevious headline: Old\nLatest prompt: new work\nsecond line");
-    }
-
     void tidy_data()
     {
         QTest::addColumn<QString>("reply");    // null: no reply

@@ -1,7 +1,7 @@
 // The updater in a process of its own, for tests that kill it: UpdateProbe <site> <folder> <step>. Checks the
-// site, downloads into <folder>/cache/updates and hands the file over by appending it to <folder>/opened; step
-// "renamed" then dies (SIGKILL), "installer" first starts <folder>/installer on it. Step "relaunch" only starts
-// <folder>/skeldrin as an update does.
+// site, downloads into <folder>/cache/updates and hands the file over by appending it to <folder>/opened;
+// step "renamed" then dies (SIGKILL), "installer" first starts <folder>/installer on it. Step "relaunch" only
+// starts <folder>/skeldrin as an update does.
 #include "Skeldrin/model/Updates.h"
 #include "Skeldrin/platform/UpdateInstaller.h"
 

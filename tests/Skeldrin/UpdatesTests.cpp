@@ -294,8 +294,7 @@ class UpdatesTests : public QObject {
         world.server.serve("/version.json", manifest("2.0.0", world.server.url("/s.deb")));
         world.server.serve("/s.deb", ok("package"));
 
-        // The installed copy answers `--version` from a file the test changes, and counts how often it was
-        // asked.
+        // The installed copy answers `--version` from a file the test changes, and counts the questions.
         const QString versionFile = world.path("installed-version"), asked = world.path("asked");
         QVERIFY(test::writeScript(
             world.path("skeldrin"),

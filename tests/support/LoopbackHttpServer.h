@@ -11,7 +11,7 @@
 namespace skeldrin::test {
 
 class LoopbackHttpServer {
-public:
+  public:
     struct Response {
         enum class Ending { complete, silent, cutShort, stalled };
         int status = 200;
@@ -36,7 +36,7 @@ public:
     // The paths asked for, in order.
     const QStringList& requests() const { return requests_; }
 
-private:
+  private:
     void accept()
     {
         while (QTcpSocket* socket = server_.nextPendingConnection()) {
@@ -55,8 +55,7 @@ private:
         const QString target = requestLine.size() > 1 ? QString::fromLatin1(requestLine[1]) : QString();
         const QString path = target.section(u'?', 0, 0);
         requests_.append(path);
-        const Response response =
-            routes_.value(path, Response{404, "not here"});
+        const Response response = routes_.value(path, Response{404, "not here"});
         if (response.ending == Response::Ending::silent) return;
 
         // Cut short: promise twice the body, send it, hang up. Stalled: the same, but stay connected.
