@@ -44,7 +44,6 @@ class StandInService : public QObject {
         return id;
     }
     void CloseNotification(uint id) { closed.push_back(id); }
-    QStringList GetCapabilities() { return {"actions", "body"}; }
 };
 
 class TestClock : public Clock {
