@@ -166,6 +166,7 @@ class CliTests : public QObject {
             s.parentId = "p";
             s.lastPrompt = "short";
         });
+        app.put("d", [&](Session& s) { s.origin.entrypoint = "sdk-ts"; });
 
         const std::string colored = cli::statusTable(*app.model, now, {true, 60});
         static const QRegularExpression escape("\x1b\\[[0-9;]*m");
@@ -178,8 +179,9 @@ class CliTests : public QObject {
         QCOMPARE(lines[2].indexOf("Parent title") + 2, lines[3].indexOf("Child"));
         QCOMPARE(lines[2].indexOf("Terminal"), lines[3].indexOf("Run by Parent title"));
 
-        QVERIFY(cli::statusTable(*app.model, now, {false, std::nullopt}).find("stops early") !=
-                std::string::npos);
+        const std::string plain = cli::statusTable(*app.model, now, {false, std::nullopt});
+        QVERIFY(plain.find("stops early") != std::string::npos &&
+                plain.find("Background job") != std::string::npos);
 
         const auto ago = [&](int seconds) {
             return QString::fromStdString(cli::elapsed(now - std::chrono::seconds(seconds), now));

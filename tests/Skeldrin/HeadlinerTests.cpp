@@ -185,8 +185,10 @@ printf '{"type":"result","is_error":false,"result":"**Fix the login flow.**\\nMo
         QVERIFY(processIsGone(pidFile));
     }
 
-    void launchFailuresAreReportedAsTheyAre()
+    void notFoundAndLaunchFailuresAreReported()
     {
+        if (!QFileInfo::exists("/usr/local/bin/claude") && !QFileInfo::exists("/opt/homebrew/bin/claude"))
+            QCOMPARE(writeToEnd(), "not found: ");
         writeScript(claude_, "");
         QFile file(claude_); // an executable whose interpreter does not exist
         QVERIFY(file.open(QIODevice::WriteOnly) && file.write("#!/no/such/interpreter\n") > 0);

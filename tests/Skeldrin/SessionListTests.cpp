@@ -70,14 +70,6 @@ class SessionListTests : public QObject {
         input[0].dismissedAt = Date{};
         QCOMPARE(describe(SessionList::arrange(input, {})), std::string("other:m"));
     }
-
-    void runRowsWithTheSameIdCollide()
-    {
-        const auto rows =
-            SessionList::arrange({make("a"), make("b"), make("task-1", "a"), make("task-1", "b")}, {});
-        QCOMPARE(describe(rows), std::string("a:m task-1:c b:m"));
-        QCOMPARE(rows[2].runCount, 1); // b still counts its run
-    }
 };
 
 QTEST_GUILESS_MAIN(SessionListTests)

@@ -175,6 +175,20 @@ class SessionNotifierTests : public QObject {
         settings_.setValue(SessionNotifier::finishedKey, false);
         QTRY_COMPARE(service_.closed.size(), std::size_t(2));
         QCOMPARE(service_.closed.back(), service_.shown.back().id);
+
+        // Without a notification service, one warning however many notifications fail.
+        serviceBus().unregisterService(kService);
+        const QRegularExpression unavailable("^desktop notifications are unavailable: .*" + kService);
+        QTest::ignoreMessage(QtWarningMsg, unavailable);
+        QTest::failOnWarning(unavailable);
+        askApproval("s1", "make");
+        askApproval("s2", "make");
+        model_->reload();
+        passWindow();
+        // The answers have come back once a call made after them has.
+        QDBusConnection::sessionBus().call(QDBusMessage::createMethodCall(
+            "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId"));
+        QCoreApplication::processEvents();
     }
 };
 
