@@ -137,7 +137,7 @@ class SessionNotifierTests : public QObject {
         stopAll({&bus_});
     }
 
-    void newWaitsNotifyOnEachOwnAndAClickJumps()
+    void notifiesThroughTheDesktopServiceEndToEnd()
     {
         settings_.setValue(SessionNotifier::finishedKey, true);
         hook("SessionStart", "deploy", R"(,"session_title":"Deploy")");
