@@ -1,9 +1,6 @@
 // The command line end to end: the real skeldrin-hook writes sessions into a temporary home, the real
-// skeldrin reads them back. The table for people is also checked in process, where colour and terminal
-// width can be chosen.
+// skeldrin reads them back. The table for people is also checked in process, for colour and width.
 #include "Skeldrin/cli/Cli.h"
-#include "Skeldrin/cli/Watch.h"
-#include "TrackerCore/HookInstaller.h"
 #include "TrackerCore/Text.h"
 #include "tests/Skeldrin/AppFixture.h"
 #include "tests/support/TestFiles.h"
@@ -64,20 +61,12 @@ void compareFields(const QJsonObject& status, const QString& id, const QString& 
     }
 }
 
-QString lineWith(const QString& text, const QString& needle)
-{
-    for (const QString& line : text.split('\n'))
-        if (line.contains(needle)) return line;
-    return {};
-}
-
 } // namespace
 
 class CliTests : public QObject {
     Q_OBJECT
 
     std::unique_ptr<TempHome> home_;
-    std::vector<std::unique_ptr<QProcess>> standIns_;
 
     QString path(const QString& relative) const { return home_->path(relative); }
     QProcessEnvironment environment() const
@@ -91,37 +80,18 @@ class CliTests : public QObject {
     {
         return runToEnd(kSkeldrin, arguments, environment(), {}, kTimeoutMs);
     }
-    void hook(const QByteArray& input, const QProcessEnvironment& env = {}) const
+    void hook(const QByteArray& input) const
     {
-        const Ran ran = runToEnd(kHook, {}, env.isEmpty() ? environment() : env, input, kTimeoutMs);
+        const Ran ran = runToEnd(kHook, {}, environment(), input, kTimeoutMs);
         QCOMPARE(ran.exitCode, 0);
         QCOMPARE(ran.err, QByteArray());
     }
-    // A stand-in Claude Code process started from inside the given session, as what the hook runs under.
-    QProcessEnvironment underStandIn(const QString& parentSessionId)
-    {
-        auto process = std::make_unique<QProcess>();
-        QProcessEnvironment parent;
-        parent.insert("CLAUDE_CODE_SESSION_ID", parentSessionId);
-        process->setProcessEnvironment(parent);
-        process->start("/bin/sleep", {"120"});
-        process->waitForStarted(kTimeoutMs);
-        QProcessEnvironment env = environment();
-        env.insert("CLAUDE_PID", QString::number(process->processId()));
-        standIns_.push_back(std::move(process));
-        return env;
-    }
-
     QJsonObject statusJson() const
     {
         const Ran ran = skeldrin({"status", "--json"});
         return ran.exitCode == 0 ? QJsonDocument::fromJson(ran.out).object() : QJsonObject();
     }
     SessionStore store() const { return SessionStore(path("data/Skeldrin/sessions").toStdString()); }
-    void put(const Session& session) const
-    {
-        store().update(session.id, [&](const std::optional<Session>&) { return session; });
-    }
     QString settingsFile() const { return path(".claude/settings.json"); }
 
     static bool waitForOutput(QProcess& process, QByteArray& seen, const QByteArray& wanted)
@@ -136,114 +106,46 @@ class CliTests : public QObject {
     }
 
   private Q_SLOTS:
-    void init()
-    {
-        home_ = std::make_unique<TempHome>();
-        QVERIFY(home_->dir.isValid());
-    }
+    void init() { home_ = std::make_unique<TempHome>(); }
 
-    void cleanup()
+    void statusShowsWhatTheHookWrote()
     {
-        for (auto& process : standIns_)
-            stopAll({process.get()});
-        standIns_.clear();
-        home_.reset();
-    }
-
-    void statusListsSessionsWithTheirRolesShadesAndNames()
-    {
+        QVERIFY(skeldrin({"status"}).out.startsWith("No sessions.\n"));
         hook(payload("UserPromptSubmit", "main-run", R"(,"prompt":"fix the build")"));
         hook(payload("SessionStart", "main-wait", R"(,"session_title":"Deploy")"));
         hook(payload("PermissionRequest", "main-wait",
                      R"(,"tool_name":"Bash","tool_input":{"command":"ls"})"));
-        hook(payload("Stop", "child"), underStandIn("main-wait"));
-        // A ready session whose transcript shows a background task still running, and its own title.
-        const QString transcript = path("bg.jsonl");
-        writeText(transcript.toStdString(),
-                  R"({"type":"custom-title","customTitle":"Ship it"})"
-                  "\n" +
-                      QStringLiteral(R"({"type":"assistant","timestamp":"%1","message":{"content":[)"
-                                     R"({"type":"tool_use","id":"toolu_docs","name":"Bash","input":)"
-                                     R"({"description":"Build the docs","command":"make docs",)"
-                                     R"("run_in_background":true}}]}})")
-                          .arg(QString::fromStdString(formatIso8601(SystemClock().now())))
-                          .toStdString() +
-                      "\n");
-        hook(payload("Stop", "bg-parent", QStringLiteral(R"(,"transcript_path":"%1")").arg(transcript)));
-        hook(payload("Stop", "orphan"), underStandIn("gone-parent"));
 
         QJsonObject status = statusJson();
-        QCOMPARE(idsOf(status),
-                 (QStringList{"main-run", "main-wait", "child", "bg-parent", "task-toolu_docs", "orphan"}));
+        QCOMPARE(idsOf(status), (QStringList{"main-run", "main-wait"}));
         QCOMPARE(status["mostUrgent"].toString(), "waiting");
         compareFields(
             status, "main-run",
             "role=main|shade=running|name=alpha|app=iTerm|place=iTerm|lastPrompt=fix the build|endedAt=null");
-        compareFields(status, "main-wait", "shade=waiting|name=Deploy|runCount=1|lastPrompt=null");
-        compareFields(status, "child", "role=child|shade=ready|seen=false|place=Run by Deploy");
-        compareFields(status, "bg-parent", "shade=waitingOnRuns|name=Ship it|runCount=1|runsFolded=false");
-        compareFields(status, "task-toolu_docs",
-                      "role=child|shade=running|name=Build the docs|place=Run by Ship it");
-        compareFields(status, "orphan", "role=detached|place=Background job");
-        const QString changedAt = rowOf(status, "main-run")["changedAt"].toString();
-        QVERIFY(parseIso8601(changedAt.toStdString()) && changedAt.endsWith('Z'));
+        compareFields(status, "main-wait", "shade=waiting|name=Deploy|lastPrompt=null");
 
-        // A second approval in the same turn.
+        // A second approval in the same turn; an ended session named by its headline once the setting is on.
         hook(payload("PermissionRequest", "main-wait",
                      R"(,"tool_name":"Bash","tool_input":{"command":"rm -r build"})"));
-        status = statusJson();
-        QCOMPARE(rowOf(status, "main-wait")["shade"].toString(), "multiStepWaiting");
-        QCOMPARE(status["mostUrgent"].toString(), "multiStepWaiting");
-
-        // The same list for people: words, places, indentation, and no colour into a pipe.
-        const Ran text = skeldrin({"status"});
-        QCOMPARE(text.exitCode, 0);
-        const QString out = QString::fromUtf8(text.out);
-        QVERIFY2(out.startsWith("6 sessions · most urgent: Needs several approvals"), qPrintable(out));
-        for (const char* word : {"Running", "Needs several approvals", "Ready", "Waiting on background work",
-                                 "Run by Deploy", "Background job", "fix the build"})
-            QVERIFY2(out.contains(QLatin1String(word)), word);
-        QVERIFY(!out.contains('\x1b'));
-        QCOMPARE(lineWith(out, "Run by Deploy").indexOf("Ready"), 0);
-        QCOMPARE(lineWith(out, "Deploy").indexOf("Deploy") + 2,
-                 lineWith(out, "Run by Deploy").indexOf("alpha"));
-    }
-
-    void namesFollowTheHeadlineSettingAndEndedSessionsSaySo()
-    {
-        const Ran empty = skeldrin({"status"});
-        QCOMPARE(empty.exitCode, 0);
-        QVERIFY(empty.out.startsWith("No sessions.\n"));
-        QCOMPARE(statusJson(), (QJsonObject{{"mostUrgent", QJsonValue::Null}, {"sessions", QJsonArray()}}));
-
-        const Date now = SystemClock().now();
-        Session titled("titled", "claude", "/work/beta", Origin{}, std::nullopt, now);
-        titled.title = "Login work";
-        titled.headline = "Fix login";
-        titled.headlinePrompt = titled.lastPrompt = "make login work";
-        titled.seenAt = now;
-        Session ended("ended", "claude", "/work/gamma", Origin{}, std::nullopt,
-                      now + std::chrono::seconds{1});
-        ended.origin.entrypoint = "claude-vscode";
-        ended.endedAt = parseIso8601("2025-02-03T04:05:06.789Z");
-        ended.seenAt = now;
-        put(titled);
-        put(ended);
-
-        QJsonObject status = statusJson();
-        QCOMPARE(idsOf(status), (QStringList{"titled", "ended"}));
-        QCOMPARE(status["mostUrgent"].toString(), "ready");
-        compareFields(status, "titled",
-                      "name=Login work|seen=true|app=Terminal|changedAt=" +
-                          QString::fromStdString(formatIso8601(now)));
-        compareFields(status, "ended", "endedAt=2025-02-03T04:05:06.789Z|name=gamma");
-
+        Session s("titled", "claude", "/work/gamma", Origin{}, std::nullopt, SystemClock().now());
+        s.title = "Login work";
+        s.headline = "Fix login";
+        s.headlinePrompt = s.lastPrompt = "make login work";
+        s.endedAt = parseIso8601("2025-02-03T04:05:06.789Z");
+        store().update(s.id, [&](const std::optional<Session>&) { return s; });
         home_->setSetting("headlines.enabled", true);
-        QCOMPARE(rowOf(statusJson(), "titled")["name"].toString(), "Fix login");
+        status = statusJson();
+        QCOMPARE(status["mostUrgent"].toString(), "multiStepWaiting");
+        compareFields(status, "main-wait", "shade=multiStepWaiting");
+        compareFields(status, "titled", "name=Fix login|app=Terminal|endedAt=2025-02-03T04:05:06.789Z");
 
+        // The same list for people, with no colour into a pipe.
         const QString out = QString::fromUtf8(skeldrin({"status"}).out);
-        QVERIFY2(out.contains(QRegularExpression("\nEnded +gamma")), qPrintable(out));
-        QVERIFY2(out.contains("isn't connected"), qPrintable(out));
+        QVERIFY2(out.startsWith("3 sessions · most urgent: Needs several approvals"), qPrintable(out));
+        QVERIFY2(out.contains("Running") && out.contains("fix the build") && !out.contains('\x1b'),
+                 qPrintable(out));
+        QVERIFY2(out.contains(QRegularExpression("\nEnded +Fix login")) && out.contains("isn't connected"),
+                 qPrintable(out));
     }
 
     void tableFitsTheTerminalAndColoursOnlyTheStatusWord()
@@ -264,6 +166,7 @@ class CliTests : public QObject {
             s.parentId = "p";
             s.lastPrompt = "short";
         });
+        app.put("d", [&](Session& s) { s.origin.entrypoint = "sdk-ts"; });
 
         const std::string colored = cli::statusTable(*app.model, now, {true, 60});
         static const QRegularExpression escape("\x1b\\[[0-9;]*m");
@@ -277,14 +180,14 @@ class CliTests : public QObject {
         QCOMPARE(lines[2].indexOf("Terminal"), lines[3].indexOf("Run by Parent title"));
 
         const std::string plain = cli::statusTable(*app.model, now, {false, std::nullopt});
-        QVERIFY(plain.find('\x1b') == std::string::npos);
-        QVERIFY(plain.find("reads lines lazily and stops early") != std::string::npos);
+        QVERIFY(plain.find("stops early") != std::string::npos &&
+                plain.find("Background job") != std::string::npos);
 
         const auto ago = [&](int seconds) {
             return QString::fromStdString(cli::elapsed(now - std::chrono::seconds(seconds), now));
         };
-        QCOMPARE(QStringList({ago(59), ago(60), ago(3599), ago(3600), ago(86400 * 2 + 5)}),
-                 QStringList({"now", "1m", "59m", "1h", "2d"}));
+        QCOMPARE(QStringList({ago(59), ago(60), ago(3600), ago(86400 * 2 + 5)}),
+                 QStringList({"now", "1m", "1h", "2d"}));
     }
 
     void transcriptReportsWhatTheTailSays()
@@ -295,21 +198,15 @@ class CliTests : public QObject {
         QCOMPARE(tail["title"].toString(), "Release checklist");
         QCOMPARE(tail["interruptedAt"].toString(), "2025-03-01T10:05:00.250Z");
         // Long expired by now, and still listed: the reader's result as it is.
-        QCOMPARE(tail["runningBackgroundTasks"].toArray(),
-                 (QJsonArray{QJsonObject{{"id", "toolu_bg1"},
-                                         {"startedAt", "2025-03-01T10:00:00.000Z"},
-                                         {"title", "npm run dev"},
-                                         {"expiresAt", "2025-03-01T10:05:00.000Z"}},
-                             QJsonObject{{"id", "toolu_mon"},
-                                         {"startedAt", "2025-03-01T10:02:00.500Z"},
-                                         {"title", "Watch the deploy"},
-                                         {"expiresAt", QJsonValue::Null}}}));
+        QCOMPARE(
+            QJsonDocument(tail["runningBackgroundTasks"].toArray()).toJson(QJsonDocument::Compact),
+            R"([{"expiresAt":"2025-03-01T10:05:00.000Z","id":"toolu_bg1","startedAt":"2025-03-01T10:00:00.000Z",)"
+            R"("title":"npm run dev"},{"expiresAt":null,"id":"toolu_mon","startedAt":"2025-03-01T10:02:00.500Z",)"
+            R"("title":"Watch the deploy"}])");
 
         const Ran missing = skeldrin({"transcript", path("none.jsonl")});
         QCOMPARE(missing.exitCode, 1);
-        QCOMPARE(missing.out, QByteArray());
-        QCOMPARE(missing.err.count('\n'), 1);
-        QVERIFY(missing.err.contains("none.jsonl"));
+        QVERIFY(missing.out.isEmpty() && missing.err.contains("none.jsonl"));
     }
 
     void connectAndDisconnectEditOnlyTheirOwnHooks()
@@ -318,9 +215,7 @@ class CliTests : public QObject {
         QVERIFY(QDir().mkpath(path(".claude")));
         const std::string array = "[\"not\", \"an object\"]\n";
         writeText(settingsFile().toStdString(), array);
-        const Ran refused = skeldrin({"connect"});
-        QCOMPARE(refused.exitCode, 1);
-        QVERIFY(refused.err.startsWith("Couldn't update Claude Code settings: "));
+        QVERIFY(skeldrin({"connect"}).err.startsWith("Couldn't update Claude Code settings: "));
         QCOMPARE(readText(settingsFile().toStdString()), array);
         QCOMPARE(QDir(path(".claude")).entryList(QDir::Files), QStringList{"settings.json"});
 
@@ -331,72 +226,34 @@ class CliTests : public QObject {
             const std::string text = readText(settingsFile().toStdString());
             return QJsonValue(QJsonDocument::fromJson(QByteArray::fromStdString(text)).object());
         };
-        QCOMPARE(skeldrin({"hooks"}).out, "notInstalled\n");
-
-        const Ran connected = skeldrin({"connect"});
-        QCOMPARE(connected.exitCode, 0);
-        QVERIFY(connected.out.contains("installed") && connected.out.contains(settingsFile().toUtf8()));
+        QVERIFY(skeldrin({"connect"}).out.contains(settingsFile().toUtf8()));
         QCOMPARE(skeldrin({"hooks"}).out, "installed\n");
         QCOMPARE(settings()["model"].toString(), "opus");
-        const QJsonObject hooks = settings()["hooks"].toObject();
-        QCOMPARE(hooks.size(), 11);
-        const std::string command =
-            HookInstaller::command(QFileInfo(kHook).canonicalFilePath().toStdString());
-        for (const auto& row : HookInstaller::events()) {
-            const QJsonArray groups = hooks[QString::fromUtf8(row.event.data(), row.event.size())].toArray();
-            QVERIFY(!groups.isEmpty());
-            QCOMPARE(groups.last()["hooks"][0]["command"].toString().toStdString(), command);
-        }
-        QCOMPARE(hooks["Stop"].toArray().size(), 2);
+        QCOMPARE(settings()["hooks"]["Stop"][1]["hooks"][0]["command"].toString(),
+                 "'" + QFileInfo(kHook).canonicalFilePath() + "'");
 
-        const Ran disconnected = skeldrin({"disconnect"});
-        QCOMPARE(disconnected.exitCode, 0);
-        QVERIFY(disconnected.out.contains("notInstalled"));
+        QCOMPARE(skeldrin({"disconnect"}).exitCode, 0);
+        QCOMPARE(skeldrin({"hooks"}).out, "notInstalled\n");
         QVERIFY(!QJsonDocument(settings().toObject()).toJson().contains("skeldrin-hook"));
         QCOMPARE(settings()["hooks"]["Stop"][0]["hooks"][0]["command"].toString(), "notify-send done");
-        QCOMPARE(skeldrin({"hooks"}).out, "notInstalled\n");
     }
 
     void usage()
     {
-        const Ran help = skeldrin({"--help"}); // with no arguments it is the app
-        QCOMPARE(help.exitCode, 0);
-        QVERIFY(help.out.contains("Usage: skeldrin"));
+        QVERIFY(skeldrin({"--help"}).out.contains("Usage: skeldrin")); // with no arguments it is the app
         QCOMPARE(skeldrin({"--version"}).out, "skeldrin " SKELDRIN_VERSION "\n");
-        for (const QStringList& wrong :
-             {QStringList{"frobnicate"}, QStringList{"status", "--verbose"}, QStringList{"transcript"},
-              QStringList{"hooks", "--json"}, QStringList{"--nope"}, QStringList{"status", "extra"}}) {
+        for (const QStringList& wrong : {QStringList{"frobnicate"}, QStringList{"transcript"},
+                                         QStringList{"hooks", "--json"}, QStringList{"status", "extra"}}) {
             const Ran ran = skeldrin(wrong);
             QCOMPARE(ran.exitCode, 2);
-            QCOMPARE(ran.out, QByteArray());
-            QVERIFY(ran.err.contains("Usage: skeldrin"));
+            QVERIFY(ran.out.isEmpty() && ran.err.contains("Usage: skeldrin"));
         }
-    }
-
-    void watchDrawsOnceForAPassOfChanges()
-    {
-        AppFixture app;
-        int drawings = 0;
-        const auto render = [&] {
-            if (++drawings == 1) {
-                QTimer::singleShot(0, app.model.get(), [&app] {
-                    Q_EMIT app.model->storedChanged();
-                    Q_EMIT app.model->backgroundTasksChanged();
-                    Q_EMIT app.model->transcriptTitlesChanged();
-                });
-            } else {
-                QTimer::singleShot(0, [] { std::raise(SIGINT); });
-            }
-            return std::string();
-        };
-        QCOMPARE(cli::watch(*app.model, render, false), 0);
-        QCOMPARE(drawings, 2);
     }
 
     void watchRedrawsOnChangeAndStopsOnSignals()
     {
         for (const int signal : {SIGINT, SIGTERM}) {
-            std::filesystem::remove_all(store().directory()); // each round starts with no sessions
+            std::filesystem::remove_all(path("data").toStdString()); // each round starts with no sessions
             QProcess watch;
             watch.setProcessEnvironment(environment());
             watch.start(kSkeldrin, {"watch"});

@@ -81,34 +81,22 @@ class HeadlinerTests : public QObject {
 
     void cleanup() { QFile::remove(claude_); }
 
-    void messageHasOnlyThePresentLines()
-    {
-        QCOMPARE(Headliner::message({"skeldrin", "Fix login", "Login flow", "go on"}),
-                 "Project folder: skeldrin\nCurrent title: Fix login\nPrevious headline: Login flow\n"
-                 "Latest prompt: go on");
-        QCOMPARE(Headliner::message({"p", std::nullopt, "Old", "new work\nsecond line"}),
-                 "Project folder: p\nPrevious headline: Old\nLatest prompt: new work\nsecond line");
-    }
-
     void tidy_data()
     {
         QTest::addColumn<QString>("reply");    // null: no reply
         QTest::addColumn<QString>("headline"); // null: no headline
-        const QString accented = QString("e\u0301").repeated(48),
-                      rockets = QString("\U0001F680").repeated(47);
+        const QString rockets = QString("\U0001F680").repeated(47);
         // clang-format off
         QTest::newRow("absent") << QString() << QString();
         QTest::newRow("only wrappers") << " \"**`#\u201C\u2019 \n " << QString();
         QTest::newRow("markdown bold, full stop") << "**Fix login bug.**" << "Fix login bug";
         QTest::newRow("first line only") << "\n\n  Refactor parser  \r\nBecause it was slow." << "Refactor parser";
-        QTest::newRow("quotes then stops") << "\u201CTidy the hooks...\u201D" << "Tidy the hooks";
-        QTest::newRow("inner quotes stay") << "# Fix \"--tools\" flag" << "Fix \"--tools\" flag";
         QTest::newRow("long, cut at last space") << "Refactor the session store so that writes are atomic now too"
                                                  << "Refactor the session store so that writes are";
+        QTest::newRow("quotes then stops") << "\u201CTidy the hooks...\u201D" << "Tidy the hooks";
         QTest::newRow("long, no space") << QString(60, 'x') << QString(48, 'x');
         QTest::newRow("exactly 48") << QString(47, 'y') + "z" << QString(47, 'y') + "z";
-        // Characters as people see them: an accent with its base and an emoji are one each.
-        QTest::newRow("48 accented") << accented << accented;
+        // Characters as people see them: an emoji is one.
         QTest::newRow("emoji count once") << rockets + " go" << rockets;
         // clang-format on
     }
@@ -140,7 +128,6 @@ printf '{"type":"result","is_error":false,"result":"**Fix the login flow.**\\nMo
                                  "--no-session-persistence|--output-format|json|--system-prompt|You name "
                                  "coding sessions for a tiny status widget."),
             arguments.constData());
-        QCOMPARE(arguments.count('|'), 14);
         QCOMPARE(readFile(seen + ".cwd").trimmed(), QFileInfo(QDir::tempPath()).canonicalFilePath().toUtf8());
         QCOMPARE(readFile(seen + ".path"),
                  QFileInfo(claude_).absolutePath().toUtf8() + ":" + qgetenv("PATH"));
@@ -154,12 +141,8 @@ printf '{"type":"result","is_error":false,"result":"**Fix the login flow.**\\nMo
         // clang-format off
         QTest::newRow("is_error") << QByteArray(R"(echo '{"is_error":true,"result":"Credit balance is too low"}')")
                                   << "failed: Credit balance is too low";
-        QTest::newRow("is_error, no result") << QByteArray(R"(echo '{"is_error":true}')") << "failed: no reply";
-        QTest::newRow("tidies to nothing") << QByteArray(R"(echo '{"is_error":false,"result":" ** "}')") << "failed:  ** ";
         QTest::newRow("garbage, exit 0") << QByteArray("echo 'Welcome to Claude'") << "failed: unexpected output";
         QTest::newRow("garbage, exit 2") << QByteArray("echo 'usage: claude'; exit 2") << "failed: exit status 2";
-        QTest::newRow("no is_error") << QByteArray(R"(echo '{"result":"Fine headline"}')") << "failed: unexpected output";
-        QTest::newRow("result not text") << QByteArray(R"(echo '{"is_error":false,"result":7}'; exit 1)") << "failed: exit status 1";
         // A reply that decodes counts whatever the status.
         QTest::newRow("reply, exit 3") << QByteArray(R"(echo '{"is_error":false,"result":"Ship it"}'; exit 3)") << "headline: Ship it";
         // clang-format on
@@ -202,14 +185,13 @@ printf '{"type":"result","is_error":false,"result":"**Fix the login flow.**\\nMo
         QVERIFY(processIsGone(pidFile));
     }
 
-    void launchFailuresAreReportedAsTheyAre()
+    void notFoundAndLaunchFailuresAreReported()
     {
-        const Headliner::RunResult missing = runToEnd(dir_.filePath("missing"));
-        QVERIFY(missing.launchError && !missing.launchError->isEmpty());
+        if (!QFileInfo::exists("/usr/local/bin/claude") && !QFileInfo::exists("/opt/homebrew/bin/claude"))
+            QCOMPARE(writeToEnd(), "not found: ");
         writeScript(claude_, "");
         QFile file(claude_); // an executable whose interpreter does not exist
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("#!/no/such/interpreter\n");
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write("#!/no/such/interpreter\n") > 0);
         file.close();
         const QString outcome = writeToEnd();
         QVERIFY2(outcome.startsWith("launch failed: ") && outcome.size() > 15, qPrintable(outcome));
@@ -236,28 +218,12 @@ printf '{"type":"result","is_error":false,"result":"**Fix the login flow.**\\nMo
         const QString answering =
             shell("answering", "echo 'Welcome back'\necho\necho " + fromShell.toUtf8() + "\necho");
         const QString failing = shell("failing", "echo " + fromShell.toUtf8() + "; exit 1");
-        const QString pointingAtPlain = shell("pointing", "echo " + plain.toUtf8());
         const QStringList skipped{path("missing/claude"), plain, path("dir/claude")};
 
         QCOMPARE(locate({running}, skipped + QStringList{installed, fromShell}, answering), installed);
         QCOMPARE(locate({running}, skipped, answering), fromShell);
         QCOMPARE(locate({other, plain, running}, skipped, failing), running);
-        QCOMPARE(locate({other, running}, skipped, pointingAtPlain), running);
         QCOMPARE(locate({other, plain}, skipped, path("missing/claude")), std::nullopt);
-        QCOMPARE(locate({}, {}, path("dir/claude")), std::nullopt);
-    }
-
-    void claudeNotFoundWhenNothingAnswers()
-    {
-        if (QFileInfo::exists("/opt/homebrew/bin/claude") || QFileInfo::exists("/usr/local/bin/claude"))
-            QSKIP("Claude Code is installed system-wide on this machine");
-        writeScript(dir_.filePath("quiet-shell"), "exit 1");
-        qputenv("SHELL", dir_.filePath("quiet-shell").toUtf8());
-        QCOMPARE(Headliner::userShell(), dir_.filePath("quiet-shell"));
-        QCOMPARE(writeToEnd(), "not found: ");
-        qunsetenv("SHELL");
-        QCOMPARE(Headliner::userShell(), "/bin/zsh");
-        qputenv("SHELL", dir_.filePath("no-such-shell").toUtf8());
     }
 
     void destroyingTheContextKillsTheChildAndDropsTheAnswer()
@@ -270,11 +236,6 @@ printf '{"type":"result","is_error":false,"result":"**Fix the login flow.**\\nMo
         QVERIFY(QTest::qWaitFor([&] { return readFile(pidFile).endsWith('\n'); }, 20000));
         context.reset();
         QVERIFY(QTest::qWaitFor([&] { return processIsGone(pidFile); }, 20000));
-
-        auto other = std::make_unique<QObject>();
-        Headliner::locateClaude({}, {script}, {}, other.get(),
-                                [&](std::optional<QString>) { called = true; });
-        other.reset();
         QCoreApplication::processEvents();
         QVERIFY(!called);
     }

@@ -6,10 +6,12 @@ using namespace skeldrin;
 
 namespace {
 
-Session make(const std::string& id, std::optional<std::string> parent = std::nullopt, Status status = Status::ready)
+Session make(const std::string& id, std::optional<std::string> parent = std::nullopt,
+             Status status = Status::ready, std::optional<std::string> entrypoint = std::nullopt)
 {
     Session s(id, "claude", "/w/" + id, {}, std::nullopt, Date{});
     s.parentId = std::move(parent);
+    s.origin.entrypoint = std::move(entrypoint);
     if (status == Status::running) s.phase = Phase::running;
     if (status == Status::waiting) s.pendingApprovals = 1;
     return s;
@@ -18,10 +20,8 @@ Session make(const std::string& id, std::optional<std::string> parent = std::nul
 std::string describe(const std::vector<ListedSession>& rows)
 {
     std::string out;
-    for (const auto& r : rows) {
-        if (!out.empty()) out += " ";
-        out += r.id() + ":" + std::string(rawValue(r.role)).substr(0, 1);
-    }
+    for (const auto& r : rows)
+        out += (out.empty() ? "" : " ") + r.id() + ":" + std::string(rawValue(r.role)).substr(0, 1);
     return out;
 }
 
@@ -29,19 +29,15 @@ std::string describe(const std::vector<ListedSession>& rows)
 
 class SessionListTests : public QObject {
     Q_OBJECT
-private Q_SLOTS:
+  private Q_SLOTS:
     void ordersParentsBeforeChildrenAndDetachedLast()
     {
-        Session sdk = make("sdk");
-        sdk.origin.entrypoint = "sdk-ts";
-        Session notSdk = make("late");
-        notSdk.origin.entrypoint = "cli-sdk-x"; // contains sdk- but does not begin with it
-        Session sdkChild = make("sdkkid", "a");
-        sdkChild.origin.entrypoint = "sdk-py";
-        const std::vector<Session> input{make("orphan", "gone"), make("b1", "b"), make("a"),  make("a1", "a"),
-                                         make("a11", "a1"),      sdk,             make("b"),  notSdk,
-                                         sdkChild};
-        const auto rows = SessionList::arrange(input, {});
+        const auto rows = SessionList::arrange(
+            {make("orphan", "gone"), make("b1", "b"), make("a"), make("a1", "a"), make("a11", "a1"),
+             make("sdk", {}, Status::ready, "sdk-ts"), make("b"),
+             make("late", {}, Status::ready, "cli-sdk-x"), // contains sdk- but does not begin with it
+             make("sdkkid", "a", Status::ready, "sdk-py")},
+            {});
         QCOMPARE(describe(rows), std::string("a:m a1:c a11:c sdkkid:c b:m b1:c late:m orphan:d sdk:d"));
     }
 
@@ -53,44 +49,26 @@ private Q_SLOTS:
         QCOMPARE(rows.size(), std::size_t(2));
         QVERIFY(rows[0].shade == Shade::waitingOnRuns()); // a dismissed busy child still counts for the shade
         QCOMPARE(rows[0].runCount, 1);                    // but not for the count
-        QVERIFY(!rows[0].seen());
 
-        rows = SessionList::arrange({make("p"), make("k1", "p")}, {});
-        QVERIFY(rows[0].shade == Shade::of(Status::ready));
-        Session busy = make("q", std::nullopt, Status::waiting);
-        rows = SessionList::arrange({busy, make("k", "q", Status::running)}, {});
+        rows = SessionList::arrange({make("q", {}, Status::waiting), make("k", "q", Status::running)}, {});
         QVERIFY(rows[0].shade == Shade::of(Status::waiting)); // only a ready parent waits on runs
-        QCOMPARE(std::string(rows[0].shade.rawValue()), std::string("waiting"));
-        QCOMPARE(std::string(Shade::waitingOnRuns().rawValue()), std::string("waitingOnRuns"));
-    }
 
-    void foldingAndDismissingHideDescendants()
-    {
-        const std::vector<Session> input{make("p"), make("c", "p"), make("g", "c"), make("other")};
-        auto rows = SessionList::arrange(input, {"p"});
-        QCOMPARE(describe(rows), std::string("p:m other:m"));
-        QVERIFY(rows[0].runsFolded);
-        QCOMPARE(rows[0].runCount, 1);
-
-        auto dismissed = input;
-        dismissed[0].dismissedAt = Date{};
-        QCOMPARE(describe(SessionList::arrange(dismissed, {})), std::string("other:m"));
-    }
-
-    void runRowsWithTheSameIdCollide()
-    {
-        const auto rows = SessionList::arrange({make("a"), make("b"), make("task-1", "a"), make("task-1", "b")}, {});
-        QCOMPARE(describe(rows), std::string("a:m task-1:c b:m"));
-        QCOMPARE(rows[2].runCount, 1); // b still counts its run
-    }
-
-    void seenNeedsAReadyShade()
-    {
-        Session s = make("s");
+        Session s = make("s"); // seen only while ready
         s.seenAt = Date{};
         QVERIFY(SessionList::arrange({s}, {})[0].seen());
         s.phase = Phase::running;
         QVERIFY(!SessionList::arrange({s}, {})[0].seen());
+    }
+
+    void foldingAndDismissingHideDescendants()
+    {
+        std::vector<Session> input{make("p"), make("c", "p"), make("g", "c"), make("other")};
+        auto rows = SessionList::arrange(input, {"p"});
+        QCOMPARE(describe(rows), std::string("p:m other:m"));
+        QVERIFY(rows[0].runsFolded);
+        QCOMPARE(rows[0].runCount, 1);
+        input[0].dismissedAt = Date{};
+        QCOMPARE(describe(SessionList::arrange(input, {})), std::string("other:m"));
     }
 };
 

@@ -27,7 +27,6 @@ class StandInService : public QObject {
   public:
     struct Shown {
         uint id;
-        uint replaces;
         QString summary, body;
         QStringList actions;
         int urgency;
@@ -41,11 +40,10 @@ class StandInService : public QObject {
                 const QStringList& actions, const QVariantMap& hints, int)
     {
         const uint id = replaces ? replaces : ++lastId;
-        shown.push_back({id, replaces, summary, body, actions, hints.value("urgency").toInt()});
+        shown.push_back({id, summary, body, actions, hints.value("urgency").toInt()});
         return id;
     }
     void CloseNotification(uint id) { closed.push_back(id); }
-    QStringList GetCapabilities() { return {"actions", "body"}; }
 };
 
 class TestClock : public Clock {
@@ -62,9 +60,9 @@ class SessionNotifierTests : public QObject {
     QTemporaryFile config_;
     QProcess bus_;
     QString busAddress_;
-    std::unique_ptr<TempHome> home_;
-    std::unique_ptr<StandInService> service_;
-    std::unique_ptr<AppSettings> settings_;
+    TempHome home_;
+    StandInService service_;
+    AppSettings settings_{home_.path("settings.ini")};
     RecordingJumper jumper_;
     TestClock clock_;
     std::unique_ptr<SessionsModel> model_;
@@ -75,7 +73,7 @@ class SessionNotifierTests : public QObject {
 
     void hook(const QString& event, const QString& id, const QString& extra = {})
     {
-        QProcessEnvironment env = bareEnvironment(*home_, "/usr/bin:/bin");
+        QProcessEnvironment env = bareEnvironment(home_, "/usr/bin:/bin");
         env.insert("TERM_PROGRAM", "ghostty");
         const QString payload = R"({"hook_event_name":"%1","session_id":"%2","cwd":"/work/%2"%3})";
         QCOMPARE(runToEnd(kHook, {}, env, payload.arg(event, id, extra).toUtf8()).exitCode, 0);
@@ -89,13 +87,13 @@ class SessionNotifierTests : public QObject {
     {
         SessionsModel::Dependencies deps;
         deps.jumper = &jumper_;
-        deps.settings = settings_.get();
+        deps.settings = &settings_;
         deps.cycleMilliseconds = 3600 * 1000; // the tests reload themselves
         model_ = std::make_unique<SessionsModel>(
-            SessionStore(home_->path("data/Skeldrin/sessions").toStdString()), std::move(deps));
+            SessionStore(home_.path("data/Skeldrin/sessions").toStdString()), std::move(deps));
         model_->start();
         delivery_ = makeSystemNotifications();
-        notifier_ = std::make_unique<SessionNotifier>(*model_, *settings_, *delivery_, &clock_);
+        notifier_ = std::make_unique<SessionNotifier>(*model_, settings_, *delivery_, &clock_);
     }
     // What was held back for a moment is delivered.
     void passWindow()
@@ -108,8 +106,8 @@ class SessionNotifierTests : public QObject {
     {
         const auto isMarker = [](const StandInService::Shown& s) { return s.summary == "marker"; };
         delivery_->notify("marker", "marker", {}, Notifications::Urgency::low);
-        QTRY_VERIFY(std::any_of(service_->shown.begin(), service_->shown.end(), isMarker));
-        std::erase_if(service_->shown, isMarker);
+        QTRY_VERIFY(std::any_of(service_.shown.begin(), service_.shown.end(), isMarker));
+        std::erase_if(service_.shown, isMarker);
     }
 
   private Q_SLOTS:
@@ -127,114 +125,70 @@ class SessionNotifierTests : public QObject {
         qputenv("DBUS_SESSION_BUS_ADDRESS", busAddress_.toUtf8());
         QVERIFY(QDBusConnection::sessionBus().isConnected());
         QVERIFY(QDBusConnection::connectToBus(busAddress_, "stand-in").isConnected());
-    }
-    void cleanupTestCase()
-    {
-        QDBusConnection::disconnectFromBus("stand-in");
-        stopAll({&bus_});
-    }
-    void init()
-    {
-        home_ = std::make_unique<TempHome>();
-        settings_ = std::make_unique<AppSettings>(home_->path("settings.ini"));
-        jumper_ = {};
-        service_ = std::make_unique<StandInService>();
-        QVERIFY(serviceBus().registerObject(kPath, service_.get(), QDBusConnection::ExportAllSlots));
+        QVERIFY(serviceBus().registerObject(kPath, &service_, QDBusConnection::ExportAllSlots));
         QVERIFY(serviceBus().registerService(kService));
     }
-    void cleanup()
+    void cleanupTestCase()
     {
         notifier_.reset();
         delivery_.reset();
         model_.reset();
-        serviceBus().unregisterService(kService);
-        serviceBus().unregisterObject(kPath);
-        service_.reset();
+        QDBusConnection::disconnectFromBus("stand-in");
+        stopAll({&bus_});
     }
 
-    void eachNewWaitNotifiesOnceAndItsAnswerWithdrawsIt()
+    void notifiesThroughTheDesktopServiceEndToEnd()
     {
+        settings_.setValue(SessionNotifier::finishedKey, true);
         hook("SessionStart", "deploy", R"(,"session_title":"Deploy")");
         hook("UserPromptSubmit", "deploy", R"(,"prompt":"ship")");
         askApproval("old", "ls"); // already waiting at start-up
         startNotifier();
 
         askApproval("deploy", "npm test");
-        for (int i = 0; i < 8; ++i)
-            askApproval(QStringLiteral("s%1").arg(i), "make");
-        model_->reload();
+        askApproval("other", "make");
         model_->reload();
         passWindow();
         settle();
-        // Nine at once give nine, each on its own: none replaces another.
-        QCOMPARE(service_->shown.size(), std::size_t(9));
-        std::map<QString, StandInService::Shown> bySummary;
-        for (const auto& shown : service_->shown)
-            bySummary.emplace(shown.summary, shown);
-        QCOMPARE(bySummary.size(), std::size_t(9));
-        const auto shown = bySummary.at("Deploy");
+        QCOMPARE(service_.shown.size(), std::size_t(2)); // each on its own: none replaces another
+        QVERIFY(service_.shown[0].id != service_.shown[1].id);
+        const auto shown = service_.shown[0].summary == "Deploy" ? service_.shown[0] : service_.shown[1];
         QCOMPARE(shown.body, "Bash: npm test · Ghostty");
         QVERIFY(shown.actions.contains("default"));
         QCOMPARE(shown.urgency, 1);
 
-        // A click on it brings that session forward.
         QVERIFY(serviceBus().send(QDBusMessage::createSignal(kPath, kService, "ActionInvoked")
                                   << shown.id << "default"));
         QTRY_COMPARE(jumper_.jumped, std::vector<std::string>{"deploy"});
 
+        // The answer withdraws it; the finish that follows notifies, until the setting goes off.
         hook("PostToolUse", "deploy", R"(,"tool_name":"Bash","tool_input":{"command":"npm test"})");
         model_->reload();
         passWindow();
-        QTRY_COMPARE(service_->closed, std::vector<uint>{shown.id});
-        settle();
-        QCOMPARE(service_->shown.size(), std::size_t(9));
-    }
-
-    void settingsChooseWhatNotifies()
-    {
-        settings_->setValue(SessionNotifier::waitingKey, false);
-        settings_->setValue(SessionNotifier::finishedKey, true);
-        hook("UserPromptSubmit", "quiet", R"(,"prompt":"fix it")");
-        startNotifier();
-        askApproval("quiet", "make");
-        model_->reload();
-        hook("PostToolUse", "quiet", R"(,"tool_name":"Bash","tool_input":{"command":"make"})");
-        model_->reload();
-        hook("Stop", "quiet");
+        QTRY_COMPARE(service_.closed, std::vector<uint>{shown.id});
+        hook("Stop", "deploy");
         model_->reload();
         passWindow();
         settle();
-        QCOMPARE(service_->shown.size(), std::size_t(1));
-        QCOMPARE(service_->shown[0].body, "Finished: fix it · Ghostty");
-        QCOMPARE(service_->shown[0].urgency, 0);
+        QCOMPARE(service_.shown.back().body, "Finished: ship · Ghostty");
+        QCOMPARE(service_.shown.back().urgency, 0);
+        settings_.setValue(SessionNotifier::finishedKey, false);
+        QTRY_COMPARE(service_.closed.size(), std::size_t(2));
+        QCOMPARE(service_.closed.back(), service_.shown.back().id);
 
-        // Switched off, what it showed goes at once.
-        settings_->setValue(SessionNotifier::finishedKey, false);
-        QTRY_COMPARE(service_->closed, std::vector<uint>{service_->shown[0].id});
-    }
-
-    void anAbsentServiceIsLoggedOnce()
-    {
+        // Without a notification service, one warning however many notifications fail.
         serviceBus().unregisterService(kService);
-        static QStringList warnings;
-        const QtMessageHandler previous = qInstallMessageHandler(
-            [](QtMsgType type, const QMessageLogContext& context, const QString& text) {
-                if (type == QtWarningMsg && QLatin1String(context.category) == "app.skeldrin.notifications")
-                    warnings << text;
-            });
-        startNotifier();
-        for (int i = 0; i < 3; ++i)
-            askApproval(QStringLiteral("s%1").arg(i), "make");
+        const QRegularExpression unavailable("^desktop notifications are unavailable: .*" + kService);
+        QTest::ignoreMessage(QtWarningMsg, unavailable);
+        QTest::failOnWarning(unavailable);
+        askApproval("s1", "make");
+        askApproval("s2", "make");
         model_->reload();
         passWindow();
-        QTRY_VERIFY(!warnings.isEmpty());
-        // The other answers have come back once a call made after them has.
+        // The answers have come back once a call made after them has.
         QDBusConnection::sessionBus().call(QDBusMessage::createMethodCall(
             "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId"));
         QCoreApplication::processEvents();
-        qInstallMessageHandler(previous);
-        QCOMPARE(warnings.size(), 1);
-        QVERIFY2(warnings[0].contains(kService), qPrintable(warnings[0]));
     }
 };
 

@@ -3,44 +3,36 @@
 #include <QtTest>
 #include <csignal>
 
-using skeldrin::test::TempHome;
-
 // Two real `skeldrin` processes against one home: the second start hands over and leaves.
 class SingleInstanceTests : public QObject {
     Q_OBJECT
 
-    TempHome home;
+    skeldrin::test::TempHome home;
 
     std::unique_ptr<QProcess> start()
     {
         auto process = std::make_unique<QProcess>();
         QProcessEnvironment env = home.environment();
-        env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+        env.insert("QT_QPA_PLATFORM", "offscreen");
         process->setProcessEnvironment(env);
         process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        process->start(QStringLiteral(SKELDRIN_BIN_DIR "/skeldrin"), {});
+        process->start(SKELDRIN_BIN_DIR "/skeldrin", {});
         if (!process->waitForStarted()) qFatal("skeldrin did not start");
         return process;
     }
 
-    bool locked() const
-    {
-        return !QDir(home.path(QStringLiteral("run")))
-                    .entryList({QStringLiteral("skeldrin-*.lock")})
-                    .isEmpty();
-    }
+    bool locked() const { return !QDir(home.path("run")).entryList({"skeldrin-*.lock"}).isEmpty(); }
 
     // A second start leaves at once with status 0, and the running one shows its widget.
     void expectHandOver(QProcess& running)
     {
-        home.setSetting(QStringLiteral("widget.visible"), false);
+        home.setSetting("widget.visible", false);
         auto second = start();
         QVERIFY(second->waitForFinished(20000));
         QCOMPARE(second->exitStatus(), QProcess::NormalExit);
         QCOMPARE(second->exitCode(), 0);
         QCOMPARE(running.state(), QProcess::Running);
-        QTRY_COMPARE_WITH_TIMEOUT(home.setting(QStringLiteral("widget.visible")).toString(),
-                                  QStringLiteral("true"), 20000);
+        QTRY_COMPARE_WITH_TIMEOUT(home.setting("widget.visible").toString(), "true", 20000);
     }
 
   private Q_SLOTS:
@@ -57,7 +49,6 @@ class SingleInstanceTests : public QObject {
         auto next = start();
         QVERIFY(!next->waitForFinished(1500)); // it runs instead of handing over to no one
         expectHandOver(*next);
-
         next->terminate();
         QVERIFY(next->waitForFinished());
     }

@@ -1,8 +1,7 @@
-// The updater in a process of its own, for tests that kill it at each step: checks the site given, downloads
-// the package into <folder>/cache/updates and hands it over. Handing over appends the file to
-// <folder>/opened; with step "renamed" the process then dies at once (SIGKILL), with "installer" it first
-// starts <folder>/installer on the file, as the desktop would. With step "relaunch" it only starts the
-// installed copy <folder>/skeldrin as an update does, and exits. Usage: UpdateProbe <site> <folder> <step>
+// The updater in a process of its own, for tests that kill it: UpdateProbe <site> <folder> <step>. Checks the
+// site, downloads into <folder>/cache/updates and hands the file over by appending it to <folder>/opened;
+// step "renamed" then dies (SIGKILL), "installer" first starts <folder>/installer on it. Step "relaunch" only
+// starts <folder>/skeldrin as an update does.
 #include "Skeldrin/model/Updates.h"
 #include "Skeldrin/platform/UpdateInstaller.h"
 

@@ -22,9 +22,9 @@ namespace {
 constexpr int kWaitMs = 20000;
 const QUrl kPage(QStringLiteral("https://s.example/S.dmg"));
 
-Response ok(const QByteArray& body)
+Response ok(const QByteArray& body, Ending ending = Ending::complete)
 {
-    return Response{200, body, {}, Ending::complete};
+    return Response{200, body, {}, ending};
 }
 
 Response manifest(const QString& latest, const std::optional<QUrl>& linuxPackage = {})
@@ -62,9 +62,9 @@ struct World {
     {
         Updates::Dependencies deps;
         deps.baseAddress = base.value_or(server.url().toString());
-        deps.currentVersion = QStringLiteral("1.0.0");
-        deps.installedCopy = path(QStringLiteral("skeldrin"));
-        deps.downloadFolder = path(QStringLiteral("cache/updates"));
+        deps.currentVersion = "1.0.0";
+        deps.installedCopy = path("skeldrin");
+        deps.downloadFolder = path("cache/updates");
         deps.open = [this](const QUrl& url, QString*) {
             opened.append(url);
             return true;
@@ -93,57 +93,206 @@ void checkOnce(Updates& updates)
 class UpdatesTests : public QObject {
     Q_OBJECT
   private Q_SLOTS:
-    void versionOrder_data();
-    void versionOrder();
-    void manifestDecoding_data();
-    void manifestDecoding();
-    void checkOutcome_data();
-    void checkOutcome();
-    void addresses_data();
-    void addresses();
-    void startChecksAtOnceAndAgain();
-    void downloadOpensPackageOnceAndReopens();
-    void withoutAPackageOpensThePage_data();
-    void withoutAPackageOpensThePage();
-    void relaunchWaitsForInstalledVersion_data();
-    void relaunchWaitsForInstalledVersion();
+    void versionOrder_data()
+    {
+        QTest::addColumn<QString>("a");
+        QTest::addColumn<QString>("b");
+        QTest::addColumn<bool>("older"); // isOlder(a, b); never isOlder(b, a)
+        // clang-format off
+        QTest::newRow("numeric, not textual") << "1.2" << "1.10" << true;
+        QTest::newRow("missing pieces are 0") << "1.2" << "1.2.0" << false;
+        QTest::newRow("first difference decides") << "2.0.9" << "2.1" << true;
+        QTest::newRow("empty text is 0") << "" << "0.0.1" << true;
+        QTest::newRow("suffix makes the piece 0") << "1.2-beta" << "1.1" << true;
+        QTest::newRow("overflow counts as 0") << "99999999999999999999" << "1" << true;
+        // clang-format on
+    }
+    void versionOrder()
+    {
+        QFETCH(QString, a);
+        QFETCH(QString, b);
+        QTEST(AppVersion::isOlder(a, b), "older");
+        QVERIFY(!AppVersion::isOlder(b, a));
+    }
+
+    void manifestDecoding_data(); // outside: moc misreads its raw strings
+    void manifestDecoding()
+    {
+        QFETCH(QByteArray, json);
+        QFETCH(QString, linuxPackage);
+        QFETCH(QString, error);
+        try {
+            const UpdateManifest manifest = UpdateManifest::decode(json);
+            QVERIFY2(error.isEmpty(), "decoded a bad manifest");
+            QCOMPARE(manifest.latest, QStringLiteral("1.4.2"));
+            QCOMPARE(manifest.url, kPage);
+            QCOMPARE(manifest.linuxPackage.value_or(QUrl()), QUrl(linuxPackage));
+        } catch (const std::runtime_error& failure) {
+            QVERIFY2(!error.isEmpty() && QString::fromUtf8(failure.what()).contains(error), failure.what());
+        }
+    }
+
+    void checkOutcome_data()
+    {
+        QTest::addColumn<Response>("answer");
+        QTest::addColumn<QString>("expectedLog");
+        QTest::addColumn<QString>("stillOffered"); // the pending version after the second check, "" for none
+        // The first check always offers 2.0.0; the second answers as below.
+        const QByteArray newer = manifest("3.0.0").body;
+        // clang-format off
+        QTest::newRow("newer") << manifest("3.0.0") << "" << "3.0.0";
+        QTest::newRow("same as pending") << manifest("2.0.0") << "" << "2.0.0";
+        QTest::newRow("same as running clears") << manifest("1.0.0") << "" << "";
+        QTest::newRow("404 keeps") << Response{404, "gone"} << "^version check answered 404$" << "2.0.0";
+        QTest::newRow("garbage keeps") << ok("\x01\x02 not json") << "^version check failed: .*is not JSON" << "2.0.0";
+        QTest::newRow("10 MB keeps") << ok(QByteArray(10 << 20, ' ') + newer) << "^version check failed: .*larger than 64 KiB" << "2.0.0";
+        QTest::newRow("silent server keeps") << ok({}, Ending::silent) << "^version check failed: " << "2.0.0";
+        QTest::newRow("cut short keeps") << ok(newer, Ending::cutShort) << "^version check failed: " << "2.0.0";
+        QTest::newRow("redirect to plain http elsewhere is refused") << LoopbackHttpServer::redirect(QUrl(QStringLiteral("http://updates.example/version.json"))) << "^version check failed: refused the redirect to http://updates.example/version.json$" << "2.0.0";
+        // clang-format on
+    }
+    void checkOutcome()
+    {
+        QFETCH(Response, answer);
+        QFETCH(QString, expectedLog);
+        QFETCH(QString, stillOffered);
+
+        World world;
+        Updates::Dependencies deps =
+            world.dependencies(world.server.url(QStringLiteral("/first/")).toString());
+        // Short only where the wait is the point: a loaded machine may take a while to send 10 MB.
+        deps.checkTimeout = answer.ending == Ending::silent ? 300ms : std::chrono::milliseconds(kWaitMs);
+        Updates updates(deps);
+        world.server.serve("/first/version.json", manifest("2.0.0"));
+        checkOnce(updates);
+        QCOMPARE(updates.required().value_or(UpdateManifest{}).latest, QStringLiteral("2.0.0"));
+
+        // The second site is reached through a redirect from the first, which must be followed on loopback.
+        world.server.serve("/first/version.json",
+                           LoopbackHttpServer::redirect(world.server.url("/second/version.json")));
+        world.server.serve("/second/version.json", answer);
+        QSignalSpy changed(&updates, &Updates::requiredChanged);
+        if (!expectedLog.isEmpty()) QTest::ignoreMessage(QtWarningMsg, QRegularExpression(expectedLog));
+        checkOnce(updates);
+        QCOMPARE(world.server.requests().last(), QStringLiteral("/second/version.json"));
+        QCOMPARE(updates.required().value_or(UpdateManifest{}).latest, stillOffered);
+        QCOMPARE(changed.count(), stillOffered == QLatin1String("2.0.0") ? 0 : 1);
+    }
+
+    void addresses_data()
+    {
+        QTest::addColumn<QString>("base");
+        QTest::addColumn<bool>("fromEnvironment");
+        QTest::addColumn<bool>("fetches");
+        // clang-format off
+        QTest::newRow("no address") << "" << false << false;
+        QTest::newRow("plain http elsewhere") << "http://updates.example/" << false << false;
+        QTest::newRow("loopback, without trailing slash") << "http://127.0.0.1:PORT/site" << false << true;
+        QTest::newRow("localhost by name") << "http://LocalHost:PORT/site/" << false << true;
+        QTest::newRow("from the environment") << "http://127.0.0.1:PORT/site/" << true << true;
+        // clang-format on
+    }
+    void addresses()
+    {
+        QFETCH(QString, base);
+        QFETCH(bool, fromEnvironment);
+        QFETCH(bool, fetches);
+
+        World world;
+        base.replace(QLatin1String("PORT"), QString::number(world.server.url().port()));
+        world.server.serve("/site/version.json", manifest("2.0.0"));
+        if (!base.isEmpty() && !fetches)
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^refusing the update"));
+        qputenv("SKELDRIN_UPDATE_URL", base.toUtf8());
+        auto updates = fromEnvironment ? std::make_unique<Updates>()
+                                       : std::make_unique<Updates>(world.dependencies(base));
+        qunsetenv("SKELDRIN_UPDATE_URL");
+        checkOnce(*updates);
+        QCOMPARE(world.server.requests(), fetches ? QStringList{"/site/version.json"} : QStringList{});
+        QCOMPARE(updates->required().has_value(), fetches);
+    }
+
+    void startChecksAtOnceAndAgain()
+    {
+        World world;
+        Updates::Dependencies deps = world.dependencies();
+        deps.checkInterval = 50ms;
+        Updates updates(deps);
+        world.server.serve("/version.json", manifest("1.0.0"));
+        updates.start();
+        QTRY_VERIFY_WITH_TIMEOUT(world.server.requests().size() >= 1, kWaitMs);
+        world.server.serve("/version.json", manifest("2.0.0")); // a later round finds the release
+        QTRY_VERIFY_WITH_TIMEOUT(updates.required().has_value(), kWaitMs);
+    }
+
+    void installOpensThePackageOrElseThePage_data()
+    {
+        QTest::addColumn<bool>("offersPackage");
+        QTest::addColumn<Response>("answer");
+        QTest::addColumn<QString>("expectedLog"); // empty: the package downloads
+        QTest::addColumn<std::optional<QString>>("launchError");
+        const std::optional<QString> works;
+        // clang-format off
+        QTest::newRow("downloads") << true << ok(QByteArray(300 * 1024, 'p')) << "" << works;
+        QTest::newRow("downloads, relaunch fails") << true << ok("package") << "" << std::optional<QString>("the copy is damaged");
+        QTest::newRow("no Linux package") << false << Response{} << "" << works;
+        QTest::newRow("404") << true << Response{404, "gone"} << "^update download failed: the server answered 404$" << works;
+        QTest::newRow("closed mid-download") << true << ok(QByteArray(64 * 1024, 'p'), Ending::cutShort) << "^update download failed: " << works;
+        // clang-format on
+    }
+    void installOpensThePackageOrElseThePage()
+    {
+        QFETCH(bool, offersPackage);
+        QFETCH(Response, answer);
+        QFETCH(QString, expectedLog);
+        QFETCH(std::optional<QString>, launchError);
+        const bool downloads = offersPackage && expectedLog.isEmpty();
+
+        World world;
+        world.launchError = launchError;
+        Updates updates(world.dependencies());
+        world.server.serve("/version.json",
+                           manifest("2.0.0", offersPackage ? std::optional(world.server.url("/s.deb?sig=1"))
+                                                           : std::nullopt));
+        world.server.serve("/s.deb", answer);
+        updates.install(); // nothing offered yet: nothing happens
+        checkOnce(updates);
+
+        // An earlier download of the same name is replaced only by a whole one.
+        const QString file = world.path("cache/updates/s.deb");
+        QVERIFY(writeFile(file, "earlier"));
+        QSignalSpy downloading(&updates, &Updates::downloadingChanged);
+        if (!expectedLog.isEmpty()) QTest::ignoreMessage(QtWarningMsg, QRegularExpression(expectedLog));
+        updates.install();
+        if (updates.downloading()) updates.install(); // while downloading: nothing more
+        QTRY_VERIFY_WITH_TIMEOUT(!updates.downloading(), kWaitMs);
+        QCOMPARE(downloading.count(), offersPackage ? 2 : 0);
+        QCOMPARE(updates.awaitingInstall(), downloads);
+        QCOMPARE(world.opened, QList<QUrl>{downloads ? QUrl::fromLocalFile(file) : kPage});
+        QCOMPARE(readAll(file), downloads ? answer.body : QByteArray("earlier"));
+        QCOMPARE(QDir(world.path("cache/updates")).entryList(QDir::Files | QDir::Hidden),
+                 QStringList{"s.deb"});
+        if (!downloads) return;
+        updates.install(); // once downloaded, opened again without a new download
+        QCOMPARE(world.server.requests().count("/s.deb"), 1);
+        QCOMPARE(world.opened.size(), 2);
+
+        // The installed copy answers `--version` from a file, counting the questions: while it is the old
+        // one, no relaunch however often it is asked.
+        const QString version = world.path("version"), asked = world.path("asked");
+        QVERIFY(writeFile(version, "1.0.0"));
+        QVERIFY(test::writeScript(
+            world.path("skeldrin"),
+            QStringLiteral("echo >> '%1'\necho \"skeldrin $(cat '%2')\"").arg(asked, version).toUtf8()));
+        QTRY_VERIFY_WITH_TIMEOUT(readAll(asked).count('\n') >= 2, kWaitMs);
+        QVERIFY(world.launches.isEmpty());
+        if (launchError)
+            QTest::ignoreMessage(QtWarningMsg, "couldn't open the updated app: the copy is damaged");
+        QVERIFY(writeFile(version, "2.0.0\n"));
+        QTRY_COMPARE_WITH_TIMEOUT(world.launches, QStringList{world.path("skeldrin")}, kWaitMs);
+        QCOMPARE(world.quits, launchError ? 0 : 1);
+    }
 };
-
-void UpdatesTests::versionOrder_data()
-{
-    QTest::addColumn<QString>("a");
-    QTest::addColumn<QString>("b");
-    QTest::addColumn<bool>("older"); // isOlder(a, b); never isOlder(b, a)
-    const struct {
-        const char *name, *a, *b;
-        bool older;
-    } rows[] = {
-        {"numeric, not textual", "1.2", "1.10", true},
-        {"missing pieces are 0", "1.2", "1.2.0", false},
-        {"first difference decides", "2.0.9", "2.1", true},
-        {"equal", "1.4.2", "1.4.2", false},
-        {"empty text is 0", "", "0.0.1", true},
-        {"only a dot", ".", "0", false},
-        {"empty pieces dropped", "1..2", "1.2", false},
-        {"prefix makes the piece 0", "v1.2", "0.2", false},
-        {"suffix makes the piece 0", "1.2-beta", "1.1", true},
-        {"overflow counts as 0", "99999999999999999999", "1", true},
-        {"largest 64-bit piece", "9223372036854775806", "9223372036854775807", true},
-        {"signed pieces", "-1", "0", true},
-        {"space is not a number", " 3", "1", true},
-    };
-    for (const auto& r : rows)
-        QTest::newRow(r.name) << QString(r.a) << QString(r.b) << r.older;
-}
-
-void UpdatesTests::versionOrder()
-{
-    QFETCH(QString, a);
-    QFETCH(QString, b);
-    QFETCH(bool, older);
-    QCOMPARE(AppVersion::isOlder(a, b), older);
-    QVERIFY(!AppVersion::isOlder(b, a));
-}
 
 void UpdatesTests::manifestDecoding_data()
 {
@@ -151,287 +300,16 @@ void UpdatesTests::manifestDecoding_data()
     QTest::addColumn<QString>("linuxPackage"); // when it decodes; "" for none
     QTest::addColumn<QString>("error");        // when it does not
     const QByteArray head = R"({"latest":"1.4.2","url":"https://s.example/S.dmg")";
-    const struct {
-        const char* name;
-        QByteArray json;
-        const char *linuxPackage, *error;
-    } rows[] = {
-        {"required keys only", head + "}", "", ""},
-        {"with a Linux package", head + R"(,"linuxPackage":"https://s.example/s.deb","notes":"ignored"})",
-         "https://s.example/s.deb", ""},
-        {"null Linux package", head + R"(,"linuxPackage":null})", "", ""},
-        {"not JSON", "<html>", "", "is not JSON"},
-        {"array", "[]", "", "is not a JSON object"},
-        {"no latest", R"({"url":"https://s.example/S.dmg"})", "", "has no \"latest\""},
-        {"no url", R"({"latest":"1.4.2"})", "", "has no \"url\""},
-        {"numeric version", R"({"latest":1.4,"url":"https://s.example/S.dmg"})", "",
-         "\"latest\" that is not a text"},
-        {"ftp url", R"({"latest":"1.4.2","url":"ftp://s.example/S.dmg"})", "",
-         "\"url\" that is not a web address"},
-        {"relative url", R"({"latest":"1.4.2","url":"S.dmg"})", "", "\"url\" that is not a web address"},
-        {"file package", head + R"(,"linuxPackage":"file:///etc/passwd"})", "",
-         "\"linuxPackage\" that is not a web address"},
-    };
-    for (const auto& r : rows)
-        QTest::newRow(r.name) << r.json << QString(r.linuxPackage) << QString(r.error);
-}
-
-void UpdatesTests::manifestDecoding()
-{
-    QFETCH(QByteArray, json);
-    QFETCH(QString, linuxPackage);
-    QFETCH(QString, error);
-    try {
-        const UpdateManifest manifest = UpdateManifest::decode(json);
-        QVERIFY2(error.isEmpty(), "decoded a bad manifest");
-        QCOMPARE(manifest.latest, QStringLiteral("1.4.2"));
-        QCOMPARE(manifest.url, kPage);
-        QCOMPARE(manifest.linuxPackage.value_or(QUrl()), QUrl(linuxPackage));
-    } catch (const std::runtime_error& failure) {
-        QVERIFY2(!error.isEmpty() && QString::fromUtf8(failure.what()).contains(error), failure.what());
-    }
-}
-
-void UpdatesTests::checkOutcome_data()
-{
-    QTest::addColumn<Response>("answer");
-    QTest::addColumn<QString>("expectedLog");
-    QTest::addColumn<QString>("stillOffered"); // the pending version after the second check, "" for none
-
-    // The first check always offers 2.0.0; the second answers as below.
-    const QByteArray newer = manifest("3.0.0").body;
-    const struct {
-        const char* name;
-        Response answer;
-        const char *log, *offered;
-    } rows[] = {
-        {"newer", manifest("3.0.0"), "", "3.0.0"},
-        {"same version as the pending one", manifest("2.0.0"), "", "2.0.0"},
-        {"same as running clears", manifest("1.0.0"), "", ""},
-        {"older clears", manifest("0.9"), "", ""},
-        {"404 keeps", {404, "gone", {}, Ending::complete}, "^version check answered 404$", "2.0.0"},
-        {"500 keeps", {500, "", {}, Ending::complete}, "^version check answered 500$", "2.0.0"},
-        {"garbage keeps", ok("\x01\x02 not json"), "^version check failed: .*is not JSON", "2.0.0"},
-        {"bad url keeps", ok(R"({"latest":"3.0","url":"mailto:a@s.example"})"),
-         "^version check failed: .*\"url\" that is not a web address", "2.0.0"},
-        {"10 MB keeps", ok(QByteArray(10 << 20, ' ') + newer), "^version check failed: .*larger than 64 KiB",
-         "2.0.0"},
-        {"silent server keeps", {200, {}, {}, Ending::silent}, "^version check failed: ", "2.0.0"},
-        {"cut short keeps", {200, newer, {}, Ending::cutShort}, "^version check failed: ", "2.0.0"},
-        {"redirect to plain http elsewhere is refused",
-         LoopbackHttpServer::redirect(QUrl(QStringLiteral("http://updates.example/version.json"))),
-         "^version check failed: refused the redirect to http://updates.example/version.json$", "2.0.0"},
-    };
-    for (const auto& r : rows)
-        QTest::newRow(r.name) << r.answer << QString(r.log) << QString(r.offered);
-}
-
-void UpdatesTests::checkOutcome()
-{
-    QFETCH(Response, answer);
-    QFETCH(QString, expectedLog);
-    QFETCH(QString, stillOffered);
-
-    World world;
-    Updates::Dependencies deps = world.dependencies(world.server.url(QStringLiteral("/first/")).toString());
-    // Short only where the wait is the point: a loaded machine may take a while to send 10 MB.
-    deps.checkTimeout = answer.ending == Ending::silent ? 300ms : std::chrono::milliseconds(kWaitMs);
-    Updates updates(deps);
-    world.server.serve("/first/version.json", manifest("2.0.0"));
-    checkOnce(updates);
-    QCOMPARE(updates.required().value_or(UpdateManifest{}).latest, QStringLiteral("2.0.0"));
-
-    // The second site is reached through a redirect from the first, which must be followed on loopback.
-    world.server.serve("/first/version.json",
-                       LoopbackHttpServer::redirect(world.server.url("/second/version.json")));
-    world.server.serve("/second/version.json", answer);
-    QSignalSpy changed(&updates, &Updates::requiredChanged);
-    if (!expectedLog.isEmpty()) QTest::ignoreMessage(QtWarningMsg, QRegularExpression(expectedLog));
-    checkOnce(updates);
-
-    QCOMPARE(world.server.requests().last(), QStringLiteral("/second/version.json"));
-    QCOMPARE(updates.required().value_or(UpdateManifest{}).latest, stillOffered);
-    QCOMPARE(changed.count(), stillOffered == QLatin1String("2.0.0") ? 0 : 1);
-}
-
-void UpdatesTests::addresses_data()
-{
-    QTest::addColumn<QString>("base");
-    QTest::addColumn<bool>("fromEnvironment");
-    QTest::addColumn<bool>("fetches");
-
-    QTest::newRow("no address") << "" << false << false;
-    QTest::newRow("plain http elsewhere") << "http://updates.example/" << false << false;
-    QTest::newRow("not a web address") << "ftp://127.0.0.1/" << false << false;
-    QTest::newRow("loopback, without trailing slash") << "http://127.0.0.1:PORT/site" << false << true;
-    QTest::newRow("localhost by name") << "http://LocalHost:PORT/site/" << false << true;
-    QTest::newRow("from the environment") << "http://127.0.0.1:PORT/site/" << true << true;
-}
-
-void UpdatesTests::addresses()
-{
-    QFETCH(QString, base);
-    QFETCH(bool, fromEnvironment);
-    QFETCH(bool, fetches);
-
-    World world;
-    base.replace(QLatin1String("PORT"), QString::number(world.server.url().port()));
-    world.server.serve("/site/version.json", manifest("2.0.0"));
-    if (!base.isEmpty() && !fetches)
-        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^refusing the update"));
-
-    std::unique_ptr<Updates> updates;
-    if (fromEnvironment) {
-        qputenv("SKELDRIN_UPDATE_URL", base.toUtf8());
-        updates = std::make_unique<Updates>();
-        qunsetenv("SKELDRIN_UPDATE_URL");
-    } else {
-        updates = std::make_unique<Updates>(world.dependencies(base));
-    }
-    checkOnce(*updates);
-    QCOMPARE(world.server.requests(), fetches ? QStringList{"/site/version.json"} : QStringList{});
-    QCOMPARE(updates->required().has_value(), fetches);
-}
-
-void UpdatesTests::startChecksAtOnceAndAgain()
-{
-    World world;
-    Updates::Dependencies deps = world.dependencies();
-    deps.checkInterval = 50ms;
-    Updates updates(deps);
-    world.server.serve("/version.json", manifest("1.0.0"));
-    updates.start();
-    QTRY_VERIFY_WITH_TIMEOUT(world.server.requests().size() >= 1, kWaitMs);
-    // A later round finds the release made in between.
-    world.server.serve("/version.json", manifest("2.0.0"));
-    QTRY_VERIFY_WITH_TIMEOUT(updates.required().has_value(), kWaitMs);
-}
-
-void UpdatesTests::downloadOpensPackageOnceAndReopens()
-{
-    World world;
-    Updates updates(world.dependencies());
-    const QByteArray package(300 * 1024, 'p');
-    world.server.serve("/version.json",
-                       manifest("2.0.0", world.server.url("/files/skeldrin_2.0.0_amd64.deb?sig=1")));
-    world.server.serve("/files/skeldrin_2.0.0_amd64.deb", ok(package));
-    checkOnce(updates);
-
-    QSignalSpy downloading(&updates, &Updates::downloadingChanged);
-    updates.install();
-    QVERIFY(updates.downloading());
-    updates.install(); // while downloading: nothing more
-    QTRY_VERIFY_WITH_TIMEOUT(updates.awaitingInstall(), kWaitMs);
-    QVERIFY(!updates.downloading());
-    QCOMPARE(downloading.count(), 2);
-
-    const QUrl file = QUrl::fromLocalFile(world.path("cache/updates/skeldrin_2.0.0_amd64.deb"));
-    QCOMPARE(world.opened, QList<QUrl>{file});
-    QCOMPARE(readAll(file.toLocalFile()), package);
-    QCOMPARE(QDir(world.path("cache/updates")).entryList(QDir::Files | QDir::Hidden),
-             QStringList{"skeldrin_2.0.0_amd64.deb"});
-
-    updates.install();
-    QCOMPARE(world.opened, (QList<QUrl>{file, file}));
-    QCOMPARE(world.server.requests().count("/files/skeldrin_2.0.0_amd64.deb"), 1);
-    QVERIFY(!updates.downloading());
-}
-
-void UpdatesTests::withoutAPackageOpensThePage_data()
-{
-    QTest::addColumn<bool>("offersPackage");
-    QTest::addColumn<Response>("answer");
-    QTest::addColumn<QString>("expectedLog");
-
-    QTest::newRow("no Linux package") << false << Response{} << "";
-    QTest::newRow("404") << true << Response{404, "gone", {}, Ending::complete}
-                         << "^update download failed: the server answered 404$";
-    QTest::newRow("closed mid-download")
-        << true << Response{200, QByteArray(64 * 1024, 'p'), {}, Ending::cutShort}
-        << "^update download failed: ";
-    QTest::newRow("redirect to plain http elsewhere")
-        << true << LoopbackHttpServer::redirect(QUrl("http://mirror.example/s.deb"))
-        << "^update download failed: refused the redirect to http://mirror.example/s.deb$";
-}
-
-void UpdatesTests::withoutAPackageOpensThePage()
-{
-    QFETCH(bool, offersPackage);
-    QFETCH(Response, answer);
-    QFETCH(QString, expectedLog);
-
-    World world;
-    Updates updates(world.dependencies());
-    world.server.serve(
-        "/version.json",
-        manifest("2.0.0", offersPackage ? std::optional(world.server.url("/s.deb")) : std::nullopt));
-    world.server.serve("/s.deb", answer);
-    updates.install(); // nothing offered yet: nothing happens
-    checkOnce(updates);
-
-    // An earlier download of the same name must survive a failed one.
-    QVERIFY(writeFile(world.path("cache/updates/s.deb"), "earlier"));
-    QSignalSpy downloading(&updates, &Updates::downloadingChanged);
-    if (!expectedLog.isEmpty()) QTest::ignoreMessage(QtWarningMsg, QRegularExpression(expectedLog));
-    updates.install();
-    QTRY_VERIFY_WITH_TIMEOUT(!updates.downloading(), kWaitMs);
-    QCOMPARE(downloading.count(), offersPackage ? 2 : 0);
-    QCOMPARE(world.server.requests().contains("/s.deb"), offersPackage);
-    QCOMPARE(world.opened, QList<QUrl>{kPage});
-    QVERIFY(!updates.awaitingInstall());
-    QVERIFY(!updates.downloadedFile());
-    QVERIFY(updates.required());
-    QCOMPARE(QDir(world.path("cache/updates")).entryList(QDir::Files | QDir::Hidden), QStringList{"s.deb"});
-    QCOMPARE(readAll(world.path("cache/updates/s.deb")), QByteArray("earlier"));
-}
-
-void UpdatesTests::relaunchWaitsForInstalledVersion_data()
-{
-    QTest::addColumn<std::optional<QString>>("launchError");
-    QTest::newRow("relaunch works") << std::optional<QString>();
-    QTest::newRow("relaunch fails") << std::optional<QString>("the copy is damaged");
-}
-
-void UpdatesTests::relaunchWaitsForInstalledVersion()
-{
-    QFETCH(std::optional<QString>, launchError);
-
-    World world;
-    world.launchError = launchError;
-    Updates updates(world.dependencies());
-    world.server.serve("/version.json", manifest("2.0.0", world.server.url("/s.deb")));
-    world.server.serve("/s.deb", ok("package"));
-
-    // The installed copy answers `--version` from a file the test changes, and counts how often it was asked.
-    const QString versionFile = world.path("installed-version"), asked = world.path("asked");
-    QVERIFY(
-        test::writeScript(world.path("skeldrin"),
-                          QStringLiteral("echo >> '%1'\n[ -f '%2' ] || exit 1\necho \"skeldrin $(cat '%2')\"")
-                              .arg(asked, versionFile)
-                              .toUtf8()));
-    auto timesAsked = [&] { return readAll(asked).count('\n'); };
-
-    checkOnce(updates);
-    updates.install();
-    QTRY_VERIFY_WITH_TIMEOUT(updates.awaitingInstall(), kWaitMs);
-
-    // Not installed yet, then still the old copy: no relaunch however often it is asked.
-    QTRY_VERIFY_WITH_TIMEOUT(timesAsked() >= 3, kWaitMs);
-    QVERIFY(writeFile(versionFile, "1.0.0"));
-    const qsizetype before = timesAsked();
-    QTRY_VERIFY_WITH_TIMEOUT(timesAsked() >= before + 3, kWaitMs);
-    QVERIFY(world.launches.isEmpty());
-
-    if (launchError) QTest::ignoreMessage(QtWarningMsg, "couldn't open the updated app: the copy is damaged");
-    QVERIFY(writeFile(versionFile, "2.0.0\n"));
-    QTRY_COMPARE_WITH_TIMEOUT(world.launches, QStringList{world.path("skeldrin")}, kWaitMs);
-    QCOMPARE(world.quits, launchError ? 0 : 1);
-
-    // The watch ends with the relaunch: the installed copy is not asked again.
-    const qsizetype after = timesAsked();
-    QTest::qWait(200);
-    QCOMPARE(timesAsked(), after);
-    QCOMPARE(world.launches.size(), 1);
+    // clang-format off
+    QTest::newRow("required keys only") << head + "}" << "" << "";
+    QTest::newRow("with a Linux package") << head + R"(,"linuxPackage":"https://s.example/s.deb","x":1})" << "https://s.example/s.deb" << "";
+    QTest::newRow("not JSON") << QByteArray("<html>") << "" << "is not JSON";
+    QTest::newRow("array") << QByteArray("[]") << "" << "is not a JSON object";
+    QTest::newRow("no latest") << QByteArray(R"({"url":"https://s.example/S.dmg"})") << "" << "has no \"latest\"";
+    QTest::newRow("numeric version") << QByteArray(R"({"latest":1.4,"url":"https://s.example/S.dmg"})") << "" << "\"latest\" that is not a text";
+    QTest::newRow("ftp url") << QByteArray(R"({"latest":"1.4.2","url":"ftp://s.example/S.dmg"})") << "" << "\"url\" that is not a web address";
+    QTest::newRow("file package") << head + R"(,"linuxPackage":"file:///etc/passwd"})" << "" << "\"linuxPackage\" that is not a web address";
+    // clang-format on
 }
 
 QTEST_GUILESS_MAIN(UpdatesTests)

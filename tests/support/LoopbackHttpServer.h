@@ -1,12 +1,7 @@
 #pragma once
 // A small HTTP/1.1 server on 127.0.0.1 for tests: fixed answers per path, or answers that never come or stop
 // half-way. One request per connection.
-#include <QByteArray>
 #include <QHash>
-#include <QHostAddress>
-#include <QList>
-#include <QObject>
-#include <QString>
 #include <QStringList>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -16,19 +11,16 @@
 namespace skeldrin::test {
 
 class LoopbackHttpServer {
-public:
+  public:
     struct Response {
         enum class Ending { complete, silent, cutShort, stalled };
         int status = 200;
-        QByteArray body;
-        QList<std::pair<QByteArray, QByteArray>> headers;
+        QByteArray body = {};
+        QList<std::pair<QByteArray, QByteArray>> headers = {};
         Ending ending = Ending::complete;
     };
 
-    static Response redirect(const QUrl& to)
-    {
-        return Response{302, {}, {{"Location", to.toEncoded()}}, Response::Ending::complete};
-    }
+    static Response redirect(const QUrl& to) { return Response{302, {}, {{"Location", to.toEncoded()}}}; }
 
     LoopbackHttpServer()
     {
@@ -36,7 +28,6 @@ public:
         QObject::connect(&server_, &QTcpServer::newConnection, &server_, [this] { accept(); });
     }
 
-    bool listening() const { return server_.isListening(); }
     void serve(const QString& path, Response response) { routes_.insert(path, std::move(response)); }
     QUrl url(const QString& path = QStringLiteral("/")) const
     {
@@ -45,7 +36,7 @@ public:
     // The paths asked for, in order.
     const QStringList& requests() const { return requests_; }
 
-private:
+  private:
     void accept()
     {
         while (QTcpSocket* socket = server_.nextPendingConnection()) {
@@ -64,8 +55,7 @@ private:
         const QString target = requestLine.size() > 1 ? QString::fromLatin1(requestLine[1]) : QString();
         const QString path = target.section(u'?', 0, 0);
         requests_.append(path);
-        const Response response =
-            routes_.value(path, Response{404, "not here", {}, Response::Ending::complete});
+        const Response response = routes_.value(path, Response{404, "not here"});
         if (response.ending == Response::Ending::silent) return;
 
         // Cut short: promise twice the body, send it, hang up. Stalled: the same, but stay connected.
