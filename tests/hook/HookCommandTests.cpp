@@ -12,9 +12,8 @@
 #include <csignal>
 #include <fcntl.h>
 #include <spawn.h>
-#include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 using namespace skeldrin;
@@ -37,36 +36,35 @@ struct Outcome {
     }
 };
 
-std::string drain(int fd)
+// All a run wrote to one of its outputs.
+std::string readBack(int fd)
 {
-    std::string text;
-    char buffer[4096];
-    for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0;)
-        text.append(buffer, static_cast<std::size_t>(n));
+    std::string text(static_cast<std::size_t>(::lseek(fd, 0, SEEK_END)), '\0');
+    if (::pread(fd, text.data(), text.size(), 0) < 0) text = "unreadable";
     ::close(fd);
     return text;
 }
 
-// One run of a hook executable; start() and finish() apart let tests run many at once or act in between.
+// One run of a hook executable; start() and finish() apart let tests run many at once.
 class Hook {
-public:
-  explicit Hook(const Env& env, std::string executable = kHook)
-      : executable_(std::move(executable))
-  {
-      for (const auto& [k, v] : env)
-          env_.push_back(k + "=" + v);
+  public:
+    explicit Hook(const Env& env, std::string executable = kHook)
+        : executable_(std::move(executable))
+    {
+        for (const auto& [k, v] : env)
+            env_.push_back(k + "=" + v);
     }
 
     pid_t start(int stdinFd = -1)
     {
-        int in[2], out[2], err[2];
-        for (int* p : {in, out, err}) // close-on-exec, so that the hook sees the end of its input
-            if (::pipe2(p, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+        int in[2];
+        if (::pipe2(in, O_CLOEXEC) != 0) throw std::runtime_error("pipe"); // so the hook sees its input end
+        out_ = ::memfd_create("out", MFD_CLOEXEC), err_ = ::memfd_create("err", MFD_CLOEXEC);
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, stdinFd >= 0 ? stdinFd : in[0], 0);
-        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+        posix_spawn_file_actions_adddup2(&actions, out_, 1);
+        posix_spawn_file_actions_adddup2(&actions, err_, 2);
         std::vector<char*> envp;
         for (auto& s : env_)
             envp.push_back(s.data());
@@ -76,47 +74,36 @@ public:
         if (posix_spawn(&pid, executable_.c_str(), &actions, nullptr, argv, envp.data()) != 0)
             throw std::runtime_error("cannot start " + executable_);
         posix_spawn_file_actions_destroy(&actions);
-        for (int fd : {in[0], out[1], err[1]})
-            ::close(fd);
-        stdin_ = in[1], stdout_ = out[0], stderr_ = err[0];
+        ::close(in[0]);
+        stdin_ = in[1];
         return pid;
     }
 
     Outcome finish(pid_t pid, const std::string& payload)
     {
-        std::thread feeder([this, &payload] {
-            for (std::size_t at = 0; at < payload.size();) {
-                const ssize_t n = ::write(stdin_, payload.data() + at, payload.size() - at);
-                if (n <= 0) break;
-                at += static_cast<std::size_t>(n);
-            }
-            ::close(stdin_);
-        });
-        Outcome result;
-        result.out = drain(stdout_);
-        result.err = drain(stderr_);
-        feeder.join();
+        for (std::size_t at = 0; at < payload.size();) {
+            const ssize_t n = ::write(stdin_, payload.data() + at, payload.size() - at);
+            if (n <= 0) break;
+            at += static_cast<std::size_t>(n);
+        }
+        ::close(stdin_);
         int status = 0;
         ::waitpid(pid, &status, 0);
-        result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        return result;
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), readBack(out_),
+                readBack(err_)};
     }
 
     Outcome run(const std::string& payload) { return finish(start(), payload); }
 
-private:
-  std::vector<std::string> env_;
-  std::string executable_;
-  int stdin_ = -1, stdout_ = -1, stderr_ = -1;
+  private:
+    std::vector<std::string> env_;
+    std::string executable_;
+    int stdin_ = -1, out_ = -1, err_ = -1;
 };
 
 class HookCommandTest : public ::testing::Test {
-protected:
-  HookCommandTest()
-  {
-      // Writing to a hook that a test killed must fail with EPIPE, not end the test process.
-      std::signal(SIGPIPE, SIG_IGN);
-  }
+  protected:
+    HookCommandTest() { std::signal(SIGPIPE, SIG_IGN); } // a hook that stops reading must not end the test
 
     Outcome hook(const std::string& payload) { return Hook(env).run(payload); }
     // The dynamically linked hook with a preloaded shim that fails one kind of system call.
@@ -138,7 +125,8 @@ protected:
     {
         std::vector<std::string> names;
         if (fs::exists(sessions))
-            for (const auto& e : fs::directory_iterator(sessions)) names.push_back(e.path().filename());
+            for (const auto& e : fs::directory_iterator(sessions))
+                names.push_back(e.path().filename());
         std::sort(names.begin(), names.end());
         return names;
     }
@@ -159,9 +147,12 @@ protected:
 
 } // namespace
 
-TEST_F(HookCommandTest, RecordsAnEventWithItsContext)
+TEST_F(HookCommandTest, RecordsAnEventWithItsContextAfterReadingAllOfIt)
 {
-    const auto r = hook(event("UserPromptSubmit", "s1", R"(,"prompt":"fix the build","transcript_path":"/t.jsonl")"));
+    const std::string output(5 * 1024 * 1024, 'x');
+    const auto r = hook(
+        event("UserPromptSubmit", "s1",
+              R"(,"prompt":"fix the build","transcript_path":"/t.jsonl","tool_response":")" + output + "\""));
     EXPECT_EQ(r.exitStatus, 0);
     EXPECT_EQ(r.out + r.err, "");
     const auto s = session("s1");
@@ -206,19 +197,12 @@ TEST_F(HookCommandTest, BadPayloadsAndCorruptFilesFailQuietlyAndChangeNothing)
     test::writeText(sessions / "s1.json", corrupt);
     const auto before = listing();
 
-    const std::string bad[] = {
-        "",
-        R"({"hook_event_name":"Stop","session_id":"s2")",
-        R"(["hook_event_name","Stop"])",
-        R"({"hook_event_name":"Stop","session_id":42})",
-        R"({"hook_event_name":"Stop","cwd":"/x"})",
-        "{\"hook_event_name\":\"Stop\",\"session_id\":\"s\xff\"}",
-        R"({"hook_event_name":"Stop","session_id":"../x"})",
-        R"({"hook_event_name":"Stop","session_id":"keep","cwd":false})",
-        R"({"hook_event_name":"Stop","session_id":"keep/../../evil"})",
-        "\x89PNG\r\n\x1a\n\0\0\0binary",
-    };
-    for (const auto& payload : bad)
+    for (const std::string payload :
+         {"", R"({"hook_event_name":"Stop","session_id":"s2")", R"(["hook_event_name","Stop"])",
+          R"({"hook_event_name":"Stop","cwd":"/x"})",
+          R"({"hook_event_name":"Stop","session_id":"keep","cwd":false})",
+          "{\"hook_event_name\":\"Stop\",\"session_id\":\"s\xff\"}",
+          R"({"hook_event_name":"Stop","session_id":"../x"})"})
         EXPECT_TRUE(hook(payload).failedQuietly()) << payload;
 
     // A session file the hook cannot read stays for the user, and the error names it.
@@ -270,78 +254,36 @@ TEST_F(HookCommandTest, FiftyHooksAtOnceLoseNoUpdate)
     const auto shared = session("shared");
     ASSERT_TRUE(shared);
     EXPECT_EQ(shared->pendingApprovals, kShared);
-    EXPECT_EQ(shared->approvalsThisTurn, kShared);
     EXPECT_EQ(shared->openPrompts->size(), static_cast<std::size_t>(kShared));
-    for (int i = kShared; i < kShared + kOwn; ++i) EXPECT_TRUE(session("own-" + std::to_string(i))) << i;
-}
-
-TEST_F(HookCommandTest, HookKilledWhileWaitingOnTheLockLeavesNoTrace)
-{
-    ASSERT_EQ(hook(event("Stop", "s1")).exitStatus, 0);
-    const std::string before = bytes("s1");
-
-    // Hold the store's lock, start a hook that must wait for it, and kill that hook.
-    const int lock = ::open((sessions / ".lock").c_str(), O_RDWR);
-    ASSERT_GE(lock, 0);
-    ASSERT_EQ(flock(lock, LOCK_EX), 0);
-    Hook blocked(env);
-    const pid_t pid = blocked.start();
-    usleep(100 * 1000);
-    kill(pid, SIGKILL);
-    EXPECT_EQ(blocked.finish(pid, event("UserPromptSubmit", "s1")).exitStatus, 128 + SIGKILL);
-    close(lock);
-
-    EXPECT_EQ(bytes("s1"), before);
-    EXPECT_EQ(hook(event("UserPromptSubmit", "s1")).exitStatus, 0);
-    EXPECT_EQ(session("s1")->status(), Status::running);
-}
-
-TEST_F(HookCommandTest, LargeToolOutputIsReadToTheEnd)
-{
-    const std::string output(5 * 1024 * 1024, 'x');
-    const auto r = hook(event("PostToolUse", "s1",
-                              R"(,"tool_name":"Bash","tool_input":{"command":"cat big"},"tool_response":{"stdout":")" +
-                                  output + "\"}"));
-    EXPECT_EQ(r.exitStatus, 0);
-    EXPECT_EQ(r.err, "");
-    EXPECT_EQ(session("s1")->phase, Phase::running);
+    for (int i = kShared; i < kShared + kOwn; ++i)
+        EXPECT_TRUE(session("own-" + std::to_string(i))) << i;
 }
 
 TEST_F(HookCommandTest, DiskAndSystemFailuresExitQuietlyAndLoseNoSession)
 {
-    struct Case {
-        std::string fail;
-        std::string event;
-        bool applied; // the failure is retried away and the event recorded
-    };
     const auto e = [](int error) { return ":" + std::to_string(error); };
-    const std::string prompt = event("UserPromptSubmit", "s1"), end = event("SessionEnd", "s1");
-    const Case cases[] = {
-        {"open" + e(ENOSPC), prompt, false},         // the lock
-        {"flock" + e(ENOLCK), prompt, false},        //
-        {"flock" + e(EINTR) + ":0:3", prompt, true}, //
-        {"open" + e(ENOSPC) + ":1", prompt, false},  // the session file
-        {"write" + e(ENOSPC), prompt, false},        {"write" + e(EIO), prompt, false},
-        {"rename" + e(EIO), prompt, false},          {"unlink" + e(EIO), end, false},
-        {"open" + e(EROFS), prompt, false},
+    const std::string prompt = event("UserPromptSubmit", "s1");
+    const std::pair<std::string, std::string> cases[] = {
+        {"open" + e(ENOSPC), prompt},        // the lock
+        {"flock" + e(ENOLCK), prompt},       //
+        {"open" + e(ENOSPC) + ":1", prompt}, // the session file
+        {"write" + e(ENOSPC), prompt},
+        {"rename" + e(EIO), prompt},
+        {"unlink" + e(EIO), event("SessionEnd", "s1")},
     };
     ASSERT_EQ(hook(event("Stop", "s1")).exitStatus, 0);
     const std::string before = bytes("s1");
     const auto names = listing();
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.fail);
-        const auto r = failingHook(c.fail, c.event);
+    for (const auto& [fail, payload] : cases) {
+        SCOPED_TRACE(fail);
+        EXPECT_TRUE(failingHook(fail, payload).failedQuietly());
         EXPECT_EQ(listing(), names); // nothing torn, lost or left behind
-        if (c.applied) {
-            EXPECT_EQ(r.exitStatus, 0);
-            EXPECT_EQ(r.out + r.err, "");
-            EXPECT_EQ(session("s1")->status(), Status::running);
-            files::replaceFile(sessions / "s1.json", sessions / ".restore", before, 0600, false);
-        } else {
-            EXPECT_TRUE(r.failedQuietly()) << r.err;
-        }
         EXPECT_EQ(bytes("s1"), before);
     }
+    // An interrupted wait for the lock is retried.
+    const auto retried = failingHook("flock" + e(EINTR) + ":0:3", prompt);
+    EXPECT_EQ(retried.out + retried.err, "");
+    EXPECT_EQ(session("s1")->status(), Status::running);
 
     // A file where the directory should be, and a directory that cannot be created.
     fs::remove_all(sessions);
