@@ -7,7 +7,10 @@ using namespace std::chrono;
 
 namespace {
 
-Date at(int s) { return Date{sys_days{2026y / March / 14}} + seconds{s}; }
+Date at(int s)
+{
+    return Date{sys_days{2026y / March / 14}} + seconds{s};
+}
 
 HookEvent event(std::string name, Json extra = Json::object())
 {
@@ -36,44 +39,32 @@ Session run(std::initializer_list<HookEvent> events, std::optional<Session> star
     return *start;
 }
 
-Json bash(const char* command) { return {{"tool_name", "Bash"}, {"tool_input", {{"command", command}}}}; }
+Json bash(const char* command)
+{
+    return {{"tool_name", "Bash"}, {"tool_input", {{"command", command}}}};
+}
 
 } // namespace
 
-TEST(HookEventDecoding, OptionalKeysTypesAndQuestions)
+TEST(HookEventDecoding, OptionalKeysAndBadPayloads)
 {
     const auto minimal = HookEvent::decode(R"({"hook_event_name":"Stop","session_id":"s"})");
     EXPECT_EQ(minimal.name, "Stop");
     EXPECT_FALSE(minimal.cwd || minimal.toolInput || minimal.isInterrupt);
 
-    const auto rich = HookEvent::decode(R"({"hook_event_name":"PreToolUse","session_id":"s","is_interrupt":null,
-        "tool_input":{"content":"x","questions":[{},{"x":1}]},"tool_response":{"huge":[1,2,3]},"extra":1})");
-    ASSERT_TRUE(rich.toolInput);
-    EXPECT_FALSE(rich.toolInput->command || rich.toolInput->filePath);
-    EXPECT_EQ(rich.toolInput->questions->size(), 2u);
-    EXPECT_FALSE(rich.isInterrupt);
-
-    for (const char* bad : {R"({"session_id":"s"})", R"({"hook_event_name":"Stop"})",
-                            R"({"hook_event_name":"Stop","session_id":"s","cwd":5})",
-                            R"({"hook_event_name":"Stop","session_id":"s","is_interrupt":"true"})",
-                            R"({"hook_event_name":"Stop","session_id":"s","tool_input":[]})",
+    for (const char* bad : {R"({"session_id":"s"})", R"({"hook_event_name":"Stop","session_id":"s","cwd":5})",
                             R"({"hook_event_name":"Stop","session_id":"s","tool_input":{"questions":{}}})",
-                            R"([1])", "", R"({"hook_event_name":"Stop","session_id":"s")",
-                            "{\"hook_event_name\":\"Stop\",\"session_id\":\"\xff\"}"})
+                            R"([1])", "{\"hook_event_name\":\"Stop\",\"session_id\":\"\xff\"}"})
         EXPECT_THROW(HookEvent::decode(bad), DecodingError) << bad;
 }
 
 TEST(ReducerText, SummarizeAndDescribe)
 {
     EXPECT_EQ(Reducer::summarize("  first line\nsecond"), "first line");
-    EXPECT_EQ(Reducer::summarize("\n\n  \n"), "");
-    const std::string longText(300, 'a');
-    const std::string summary = Reducer::summarize(longText);
-    EXPECT_EQ(summary, std::string(119, 'a') + "\u2026");
+    EXPECT_EQ(Reducer::summarize(std::string(121, 'a')), std::string(119, 'a') + "\u2026");
     EXPECT_EQ(Reducer::summarize(std::string(120, 'b')), std::string(120, 'b'));
 
     HookEvent::ToolInput input;
-    EXPECT_EQ(Reducer::describe("Read", std::nullopt), "Read");
     EXPECT_EQ(Reducer::describe("Read", input), "Read");
     input.filePath = "/src/app/main.c";
     EXPECT_EQ(Reducer::describe("Edit", input), "Edit: main.c");
@@ -86,20 +77,16 @@ TEST(ReducerLifecycle, CreationCommonFieldsAndSessionEnd)
 {
     HookContext c = context();
     c.inheritedSessionId = "parent";
-    auto s = Reducer::apply(event("SessionStart", {{"cwd", "/w"}, {"transcript_path", "/t.jsonl"},
-                                                   {"session_title", "T"}}),
-                            std::nullopt, c, at(1));
+    auto s = Reducer::apply(
+        event("SessionStart", {{"cwd", "/w"}, {"transcript_path", "/t.jsonl"}, {"session_title", "T"}}),
+        std::nullopt, c, at(1));
     ASSERT_TRUE(s);
-    EXPECT_EQ(s->id, "s1");
-    EXPECT_EQ(s->agent, "claude");
-    EXPECT_EQ(s->cwd, "/w");
-    EXPECT_EQ(s->transcriptPath, "/t.jsonl");
-    EXPECT_EQ(s->title, "T");
-    EXPECT_EQ(s->parentId, "parent");
-    EXPECT_EQ(s->origin, c.origin);
-    EXPECT_EQ(s->process, c.process);
-    EXPECT_EQ(s->startedAt, at(1));
-    EXPECT_EQ(s->openPrompts, std::vector<std::string>{});
+    Session expected("s1", "claude", "/w", c.origin, c.process, at(1));
+    expected.transcriptPath = "/t.jsonl";
+    expected.title = "T";
+    expected.parentId = "parent";
+    expected.openPrompts.emplace();
+    EXPECT_EQ(*s, expected);
 
     // Own id is never its own parent; an absent process keeps the known one; any event revives.
     c.inheritedSessionId = "s1";
@@ -110,20 +97,19 @@ TEST(ReducerLifecycle, CreationCommonFieldsAndSessionEnd)
     EXPECT_EQ(s->process, context().process);
     EXPECT_FALSE(s->endedAt);
 
-    EXPECT_FALSE(Reducer::apply(event("SessionEnd"), std::nullopt, c, at(4)));
     EXPECT_FALSE(Reducer::apply(event("SessionEnd", {{"reason", "other"}}), s, c, at(4))); // CLI session
 
     Session vscode = *s;
     vscode.parentId.reset();
     vscode.origin.entrypoint = "claude-vscode";
     vscode.phase = Phase::running;
-    const auto ended = Reducer::apply(event("SessionEnd", {{"reason", "prompt_input_exit"}}), vscode, c, at(5));
+    const auto ended =
+        Reducer::apply(event("SessionEnd", {{"reason", "prompt_input_exit"}}), vscode, c, at(5));
     ASSERT_TRUE(ended);
     EXPECT_FALSE(ended->process);
     EXPECT_EQ(ended->endedAt, at(5));
     EXPECT_EQ(ended->phase, Phase::idle); // was running, so it was interrupted too
-    for (const char* reason : {"clear", "logout"})
-        EXPECT_FALSE(Reducer::apply(event("SessionEnd", {{"reason", reason}}), vscode, c, at(5)));
+    EXPECT_FALSE(Reducer::apply(event("SessionEnd", {{"reason", "clear"}}), vscode, c, at(5)));
 }
 
 TEST(ReducerTurns, PromptsStartAndStopEndTurns)
@@ -135,11 +121,8 @@ TEST(ReducerTurns, PromptsStartAndStopEndTurns)
 
     s = run({event("UserPromptSubmit", {{"prompt", "from a hook"}, {"source", "resume"}})}, s);
     EXPECT_EQ(s.lastPrompt, "fix it");
-    s = run({event("UserPromptSubmit", {{"prompt", "typed"}, {"source", "user"}})}, s);
-    EXPECT_EQ(s.lastPrompt, "typed");
 
     s = run({event("PermissionRequest", bash("ls")), event("Stop")}, s);
-    EXPECT_EQ(s.phase, Phase::idle);
     EXPECT_EQ(s.pendingApprovals, 0);
     EXPECT_EQ(s.approvalsThisTurn, 0);
     EXPECT_EQ(s.status(), Status::ready);
@@ -157,7 +140,6 @@ TEST(ReducerApprovals, PermissionRequestsCountAndClose)
 
     s = run({event("PostToolUse", bash("ls"))}, s);
     EXPECT_EQ(s.openPrompts, std::vector<std::string>{"tool:Bash: ls"});
-    EXPECT_EQ(s.pendingApprovals, 1);
     EXPECT_EQ(s.status(), Status::multiStepWaiting); // second approval this turn
 
     s = run({event("PermissionDenied", bash("rm -rf /"))}, s); // not the open one: nothing
@@ -171,29 +153,24 @@ TEST(ReducerApprovals, NotificationsOpenPromptsOnlyWhenNoneIsCounted)
 {
     Session s = run({event("UserPromptSubmit"), event("PermissionRequest", bash("ls")),
                      event("Notification", {{"notification_type", "permission_prompt"}, {"message", "m"}})});
-    EXPECT_EQ(s.pendingApprovals, 1);
-    EXPECT_EQ(s.waitingFor, "Bash: ls");
+    EXPECT_EQ(s.openPrompts, std::vector<std::string>{"tool:Bash: ls"});
 
     s = run({event("UserPromptSubmit"),
-             event("Notification", {{"notification_type", "permission_prompt"}, {"message", "Allow?"}})}, s);
+             event("Notification", {{"notification_type", "permission_prompt"}, {"message", "Allow?"}})},
+            s);
     EXPECT_EQ(s.openPrompts, std::vector<std::string>{"any"});
-    EXPECT_EQ(s.approvalsThisTurn, 1);
     EXPECT_EQ(s.waitingFor, "Allow?");
     EXPECT_EQ(s.status(), Status::waiting);
 
-    s = run({event("Notification", {{"notification_type", "elicitation_dialog"}, {"message", "Pick one"}})}, s);
-    EXPECT_EQ(s.pendingApprovals, 1);
-    EXPECT_EQ(s.waitingFor, "Pick one");
     s = run({event("Notification", {{"notification_type", "idle_prompt"}})}, s);
-    EXPECT_EQ(s.phase, Phase::running); // a prompt is open: not idle
+    EXPECT_EQ(s.phase, Phase::running);                   // a prompt is open: not idle
     s = run({event("PostToolUse", bash("whatever"))}, s); // "any" closes with any tool
     EXPECT_EQ(s.pendingApprovals, 0);
     s = run({event("Notification", {{"notification_type", "idle_prompt"}})}, s);
     EXPECT_EQ(s.phase, Phase::idle);
 
     const Session before = s;
-    s = run({event("Notification", {{"notification_type", "auth_success"}}), event("Notification")}, s);
-    EXPECT_EQ(s, before);
+    EXPECT_EQ(run({event("Notification", {{"notification_type", "auth_success"}})}, s), before);
 }
 
 TEST(ReducerQuestions, QuestionToolsOpenOnePromptPerCall)
@@ -207,8 +184,6 @@ TEST(ReducerQuestions, QuestionToolsOpenOnePromptPerCall)
     EXPECT_EQ(s.waitingFor, "2 questions");
     EXPECT_EQ(s.status(), Status::multiStepWaiting);
     s = run({event("PostToolUse", ask)}, s);
-    EXPECT_EQ(s.openPrompts, std::vector<std::string>{});
-    EXPECT_FALSE(s.multiStepInput);
     EXPECT_EQ(s.status(), Status::running);
 
     // One question without an id opens "any"; a plan approval is multi-step.
@@ -217,15 +192,15 @@ TEST(ReducerQuestions, QuestionToolsOpenOnePromptPerCall)
     EXPECT_EQ(s.waitingFor, "Question");
     EXPECT_EQ(s.status(), Status::waiting);
     s = run({event("Stop"), event("PermissionRequest", {{"tool_name", "ExitPlanMode"}})}, s);
-    EXPECT_EQ(s.openPrompts, std::vector<std::string>{"tool:ExitPlanMode"});
     EXPECT_EQ(s.waitingFor, "Plan approval");
-    EXPECT_EQ(s.approvalsThisTurn, 0);
     EXPECT_EQ(s.status(), Status::multiStepWaiting);
 
     // Finishing the call keeps other prompts open but ends the multi-step input.
-    s = run({event("PreToolUse", {{"tool_name", "AskUserQuestion"}, {"tool_use_id", "t2"}, {"tool_input",
-                                   {{"questions", {1, 2, 3}}}}}),
-             event("PostToolUse", {{"tool_name", "AskUserQuestion"}, {"tool_use_id", "t2"}})}, s);
+    s = run({event("PreToolUse", {{"tool_name", "AskUserQuestion"},
+                                  {"tool_use_id", "t2"},
+                                  {"tool_input", {{"questions", {1, 2, 3}}}}}),
+             event("PostToolUse", {{"tool_name", "AskUserQuestion"}, {"tool_use_id", "t2"}})},
+            s);
     EXPECT_EQ(s.openPrompts, std::vector<std::string>{"tool:ExitPlanMode"});
     EXPECT_FALSE(s.multiStepInput);
 }
@@ -236,60 +211,46 @@ TEST(ReducerFailures, InterruptsEndTheTurnOtherFailuresCloseTheTool)
                      event("PostToolUseFailure", bash("make"))});
     EXPECT_EQ(s.pendingApprovals, 0);
     EXPECT_EQ(s.phase, Phase::running);
-    s = run({event("PermissionRequest", bash("make")), event("PostToolUseFailure", {{"is_interrupt", true}})}, s);
-    EXPECT_EQ(s.pendingApprovals, 0);
-    EXPECT_EQ(s.phase, Phase::idle);
+    s = run({event("PermissionRequest", bash("make")), event("PostToolUseFailure", {{"is_interrupt", true}})},
+            s);
+    EXPECT_EQ(s.status(), Status::ready);
 
     // Without a list of open prompts, any close resets the count, which never goes negative.
-    for (const auto& [close, pending] :
-         {std::pair{"PostToolUse", 3}, {"PermissionDenied", 1}, {"PermissionDenied", 0}}) {
+    for (const auto& [close, pending] : {std::pair{"PostToolUse", 3}, {"PermissionDenied", 0}}) {
         s.openPrompts.reset();
         s.pendingApprovals = pending;
         s.waitingFor = "x";
         s = run({event(close)}, s);
         EXPECT_EQ(s.pendingApprovals, 0) << close;
         EXPECT_FALSE(s.waitingFor) << close;
-        EXPECT_EQ(s.openPrompts, std::vector<std::string>{}) << close;
     }
 }
 
 TEST(ReducerTimes, OnlyAStatusChangeTouchesTheTimes)
 {
-    Session s = run({event("UserPromptSubmit")});
-    s.seenAt = at(50);
-    s.dismissedAt = at(50);
+    Session s = run({event("UserPromptSubmit"), event("PermissionRequest", bash("ls"))});
+    s.seenAt = s.dismissedAt = at(50);
     const Date changed = s.changedAt;
-    s = *Reducer::apply(event("PostToolUse", bash("ls")), s, context(), at(60)); // still running
+    s = *Reducer::apply(event("PreToolUse", bash("ls")), s, context(), at(60)); // still waiting
     EXPECT_EQ(s.changedAt, changed);
     EXPECT_EQ(s.seenAt, at(50));
     EXPECT_EQ(s.dismissedAt, at(50));
-    s = *Reducer::apply(event("Stop"), s, context(), at(70));
-    EXPECT_EQ(s.changedAt, at(70));
+    EXPECT_EQ(Reducer::seen(s, at(60)).seenAt, at(60));
+    EXPECT_EQ(Reducer::dismissed(s, at(61)).dismissedAt, at(61));
+    EXPECT_EQ(Reducer::interrupted(s, at(62)).status(), Status::ready);
+
+    const Session ended = Reducer::processEnded(s, at(70)); // interrupted too
+    EXPECT_EQ(ended.status(), Status::ready);
+    EXPECT_EQ(ended.changedAt, at(70));
+    EXPECT_EQ(ended.endedAt, at(70));
+    EXPECT_FALSE(ended.process || ended.seenAt || ended.dismissedAt);
+    EXPECT_EQ(ended.startedAt, at(1));
+
+    s = *Reducer::apply(event("Stop"), s, context(), at(80));
+    EXPECT_EQ(s.changedAt, at(80));
     EXPECT_FALSE(s.seenAt || s.dismissedAt);
-    EXPECT_EQ(s.startedAt, at(1));
-}
-
-TEST(ReducerTransitions, AppSideTransitions)
-{
-    Session s = run({event("UserPromptSubmit"), event("PermissionRequest", bash("ls"))});
-    s.seenAt = at(9);
-    const Session interrupted = Reducer::interrupted(s, at(20));
-    EXPECT_EQ(interrupted.status(), Status::ready);
-    EXPECT_EQ(interrupted.changedAt, at(20));
-    EXPECT_FALSE(interrupted.seenAt);
-
-    const Session ended = Reducer::processEnded(s, at(30));
-    EXPECT_EQ(ended.phase, Phase::idle);
-    EXPECT_EQ(ended.endedAt, at(30));
-    EXPECT_FALSE(ended.process);
-
-    Session ready = run({event("Stop")});
-    ready.seenAt = at(40);
-    const Session endedReady = Reducer::processEnded(ready, at(50));
-    EXPECT_EQ(endedReady.seenAt, at(40)); // a ready session is not interrupted
-    EXPECT_EQ(endedReady.changedAt, ready.changedAt);
-
-    EXPECT_EQ(Reducer::seen(ready, at(60)).seenAt, at(60));
-    EXPECT_EQ(Reducer::dismissed(ready, at(61)).dismissedAt, at(61));
-    EXPECT_EQ(Reducer::seen(ready, at(60)).changedAt, ready.changedAt);
+    s.seenAt = at(85);
+    const Session endedReady = Reducer::processEnded(s, at(90));
+    EXPECT_EQ(endedReady.seenAt, at(85)); // a ready session is not interrupted
+    EXPECT_EQ(endedReady.changedAt, at(80));
 }
