@@ -11,10 +11,7 @@ using Task = TranscriptTail::BackgroundTask;
 
 namespace {
 
-Date at(const char* iso)
-{
-    return parseIso8601(iso).value();
-}
+const auto at = [](const char* iso) { return parseIso8601(iso).value(); };
 constexpr const char* kStart = "2026-03-14T11:00:00.000Z";
 
 std::vector<Task> scan(const std::vector<std::string>& lines)
