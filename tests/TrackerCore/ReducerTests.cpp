@@ -182,14 +182,17 @@ TEST(ReducerFailures, InterruptsEndTheTurnOtherFailuresCloseTheTool)
             s);
     EXPECT_EQ(s.status(), Status::ready);
 
-    // Without a list of open prompts, any close resets the count, which never goes negative.
-    for (const auto& [close, pending] : {std::pair{"PostToolUse", 3}, {"PermissionDenied", 0}}) {
+    // Without a list of open prompts, a finished tool clears the count; a denial counts one down, never below
+    // none.
+    for (const auto& [close, pending] :
+         {std::pair{"PostToolUse", 3}, {"PermissionDenied", 1}, {"PermissionDenied", 0}}) {
         s.openPrompts.reset();
         s.pendingApprovals = pending;
         s.waitingFor = "x";
         s = run({event(close)}, s);
         EXPECT_EQ(s.pendingApprovals, 0) << close;
         EXPECT_FALSE(s.waitingFor) << close;
+        EXPECT_EQ(s.openPrompts, std::vector<std::string>{}) << close;
     }
 }
 
