@@ -23,7 +23,7 @@ namespace {
 
 const std::string kHook = std::string(SKELDRIN_BIN_DIR) + "/skeldrin-hook";
 const std::string kSharedHook = std::string(SKELDRIN_BIN_DIR) + "/skeldrin-hook-shared";
-using Env = std::map<std::string, std::string>;
+using Env = std::vector<std::string>; // NAME=value
 
 struct Outcome {
     int exitStatus = -1;
@@ -47,13 +47,10 @@ std::string readBack(int fd)
 
 // Runs a hook executable to its end, with `payload` written to a pipe on its standard input (or with
 // `stdinFd` there instead).
-Outcome runHook(const Env& env, const std::string& payload, std::string executable = kHook, int stdinFd = -1)
+Outcome runHook(Env env, const std::string& payload, std::string executable = kHook, int stdinFd = -1)
 {
-    std::vector<std::string> vars;
-    for (const auto& [k, v] : env)
-        vars.push_back(k + "=" + v);
     std::vector<char*> envp;
-    for (auto& s : vars)
+    for (auto& s : env)
         envp.push_back(s.data());
     envp.push_back(nullptr);
     int in[2];
@@ -90,9 +87,10 @@ class HookCommandTest : public ::testing::Test {
     Outcome failingHook(const std::string& fail, const std::string& payload) const
     {
         Env failing = env;
-        failing["LD_PRELOAD"] = SKELDRIN_FAIL_SHIM;
-        failing["SKELDRIN_FAIL"] = fail;                      // call:errno[:skip[:times]]
-        failing["ASAN_OPTIONS"] = "verify_asan_link_order=0"; // the shim comes first in the sanitizer build
+        failing.push_back("LD_PRELOAD=" SKELDRIN_FAIL_SHIM);
+        failing.push_back("SKELDRIN_FAIL=" + fail); // call:errno[:skip[:times]]
+        failing.push_back(
+            "ASAN_OPTIONS=verify_asan_link_order=0"); // the shim comes first in the sanitizer build
         return runHook(failing, payload, kSharedHook);
     }
     Session session(const std::string& id) const { return decodeSession(bytes(id)); }
@@ -114,21 +112,26 @@ class HookCommandTest : public ::testing::Test {
 
     test::TempDir home{"skeldrin-hook"};
     fs::path sessions = home / "data/Skeldrin/sessions";
-    Env env = {{"HOME", home.path().string()},
-               {"XDG_DATA_HOME", (home / "data").string()},
-               {"PATH", "/usr/bin:/bin"},
-               {"TERM_PROGRAM", "iTerm.app"},
-               {"CLAUDE_PROJECT_DIR", "/work/project"}};
+    Env env = {"HOME=" + home.path().string(), "XDG_DATA_HOME=" + (home / "data").string(),
+               "PATH=/usr/bin:/bin", "TERM_PROGRAM=iTerm.app", "CLAUDE_PROJECT_DIR=/work/project"};
 };
 
 } // namespace
 
 TEST_F(HookCommandTest, RecordsAnEventWithItsContextAfterReadingAllOfIt)
 {
-    const std::string output(5 * 1024 * 1024, 'x');
-    const auto r = hook(
-        event("UserPromptSubmit", "s1",
-              R"(,"prompt":"fix the build","transcript_path":"/t.jsonl","tool_response":")" + output + "\""));
+    // A stand-in Claude Code process started from inside another session.
+    pid_t claude;
+    char sleepPath[] = "/bin/sleep", seconds[] = "30", parent[] = "CLAUDE_CODE_SESSION_ID=parent-7";
+    char* argv[] = {sleepPath, seconds, nullptr};
+    char* envp[] = {parent, nullptr};
+    ASSERT_EQ(posix_spawn(&claude, "/bin/sleep", nullptr, nullptr, argv, envp), 0);
+    env.push_back("CLAUDE_PID=" + std::to_string(claude));
+    const auto r = hook(event("UserPromptSubmit", "s1",
+                              R"(,"prompt":"fix the build","transcript_path":"/t.jsonl","tool_response":")" +
+                                  std::string(5 << 20, 'x') + "\""));
+    kill(claude, SIGKILL);
+    waitpid(claude, nullptr, 0);
     EXPECT_EQ(r.exitStatus, 0);
     EXPECT_EQ(r.out + r.err, "");
     const Session s = session("s1");
@@ -137,24 +140,6 @@ TEST_F(HookCommandTest, RecordsAnEventWithItsContextAfterReadingAllOfIt)
     EXPECT_EQ(s.origin.termProgram, "iTerm.app");
     EXPECT_EQ(s.origin.projectDir, "/work/project");
     EXPECT_EQ(s.transcriptPath, "/t.jsonl");
-    // Spawned directly by this test process, which is not a shell: that is the session's process.
-    EXPECT_EQ(s.process, ProcessInspector::ref(getpid()));
-}
-
-TEST_F(HookCommandTest, UsesClaudePidAndTheParentSessionFromItsStartingEnvironment)
-{
-    // A stand-in Claude Code process started from inside another session.
-    pid_t claude;
-    char sleepPath[] = "/bin/sleep", seconds[] = "30", parent[] = "CLAUDE_CODE_SESSION_ID=parent-7";
-    char* argv[] = {sleepPath, seconds, nullptr};
-    char* envp[] = {parent, nullptr};
-    ASSERT_EQ(posix_spawn(&claude, "/bin/sleep", nullptr, nullptr, argv, envp), 0);
-    env["CLAUDE_PID"] = std::to_string(claude);
-
-    EXPECT_EQ(hook(event("SessionStart", "child-1")).exitStatus, 0);
-    kill(claude, SIGKILL);
-    waitpid(claude, nullptr, 0);
-    const Session s = session("child-1");
     EXPECT_EQ(s.process.value_or(ProcessRef{}).pid, claude);
     EXPECT_EQ(s.parentId, "parent-7");
 }
@@ -196,6 +181,8 @@ TEST_F(HookCommandTest, FiftyHooksAtOnceLoseNoUpdate)
     EXPECT_EQ(shared.openPrompts.value_or(std::vector<std::string>{}).size(), std::size_t{kShared});
     for (int i = kShared; i < kShared + kOwn; ++i)
         EXPECT_TRUE(fs::exists(sessions / ("own-" + std::to_string(i) + ".json"))) << i;
+    // Without CLAUDE_PID, the walk up from the hook: spawned by this test process, which is not a shell.
+    EXPECT_EQ(session("own-49").process, ProcessInspector::ref(getpid()));
 }
 
 TEST_F(HookCommandTest, BadInputAndDiskFailuresExitQuietlyAndChangeNothing)
