@@ -22,6 +22,27 @@ bool scans(std::string_view text)
     }
 }
 
+// Delivers text in pieces of varying small sizes, so that every token meets a buffer boundary somewhere.
+json_scan::Reader piecewise(const std::string& text, std::size_t seed)
+{
+    return [&text, offset = std::size_t{0}, seed](char* buffer, std::size_t capacity) mutable {
+        const std::size_t piece = std::min({capacity, text.size() - offset, 1 + (offset * 7 + seed) % 23});
+        std::memcpy(buffer, text.data() + offset, piece);
+        offset += piece;
+        return piece;
+    };
+}
+
+// The event `decode` gives, or nothing when it throws `Error`.
+template <typename Error = DecodingError, typename Decode> std::optional<HookEvent> decoded(Decode decode)
+{
+    try {
+        return decode();
+    } catch (const Error&) {
+        return std::nullopt;
+    }
+}
+
 } // namespace
 
 TEST(JsonScan, AcceptsExactlyWhatAFullParserAccepts)
@@ -55,41 +76,6 @@ TEST(JsonScan, AcceptsExactlyWhatAFullParserAccepts)
     }
 }
 
-TEST(JsonScan, KeepsOnlyWantedTopLevelMembers)
-{
-    const std::string doc = R"({"a": {"x": 1}, "b": [1, 2], "skip": {"a": 5}, "a\u0062c": "d", "a": "last"})";
-    const auto found = json_scan::members(doc, {"a", "abc"});
-    ASSERT_EQ(found.size(), 2u);
-    EXPECT_EQ(found.at("a"), "\"last\""); // the later duplicate wins, as with a full parse
-    EXPECT_EQ(found.at("abc"), "\"d\"");  // names are compared after unescaping
-    EXPECT_TRUE(json_scan::members(R"({"skip": {"a": 5}})", {"a"}).empty());
-}
-
-namespace {
-
-// Delivers text in pieces of varying small sizes, so that every token meets a buffer boundary somewhere.
-json_scan::Reader piecewise(const std::string& text, std::size_t seed)
-{
-    return [&text, offset = std::size_t{0}, seed](char* buffer, std::size_t capacity) mutable {
-        const std::size_t piece = std::min({capacity, text.size() - offset, 1 + (offset * 7 + seed) % 23});
-        std::memcpy(buffer, text.data() + offset, piece);
-        offset += piece;
-        return piece;
-    };
-}
-
-// The event `decode` gives, or nothing when it throws `Error`.
-template <typename Error = DecodingError, typename Decode> std::optional<HookEvent> decoded(Decode decode)
-{
-    try {
-        return decode();
-    } catch (const Error&) {
-        return std::nullopt;
-    }
-}
-
-} // namespace
-
 TEST(HookEventDecoding, StreamedDecodeMatchesAFullDecode)
 {
     // Text with every kind of character a tool's input or output carries, longer than the scan buffer.
@@ -101,8 +87,6 @@ TEST(HookEventDecoding, StreamedDecodeMatchesAFullDecode)
     const std::string head = R"("hook_event_name":"PostToolUse","session_id":"s1")";
     const std::string toolInputs[] = {
         "null",
-        "[]",
-        R"({"command":null,"file_path":"/a/b.txt"})",
         R"({"file_path":)" + big + R"(,"content":)" + big + "}",
         R"({"content":)" + big + R"(,"command":"ls -la","questions":[{},{"x":[1,{"y":2}]},[],"q"]})",
         R"({"questions":{}})",
@@ -116,7 +100,6 @@ TEST(HookEventDecoding, StreamedDecodeMatchesAFullDecode)
                            big + "}}");
         payloads.push_back("{" + head + R"(,"tool_input":{"command":"first"},"tool_input":)" + input + "}");
     }
-    payloads.push_back("{" + head + R"(,"tool_response":)" + big + R"(,"prompt":)" + big + R"(,"cwd":"/w"})");
     payloads.push_back("\xef\xbb\xbf {" + head + ",\"is_interrupt\":true}\n");
     // Broken documents: cut short, invalid UTF-8 or a bad escape deep inside the big text, trailing text.
     const std::string whole = "{" + head + R"(,"tool_input":{"content":)" + big + "}}";
