@@ -59,10 +59,8 @@ TEST(TranscriptTail, NewestCustomTitleWinsOverEveryAiTitle)
     const std::pair<std::string, std::optional<std::string>> cases[] = {
         {aiTitle("Older") + aiTitle("Newest") + assistantLine("hi"), "Newest"},
         {customTitle("Mine") + aiTitle("Generated"), "Mine"},
-        {assistantLine("no titles"), std::nullopt},
         // A title line without its title, or with one of the wrong kind, lets the search go on.
         {customTitle("Kept") + customTitle(nullptr) + userLine(kStamp, "go"), "Kept"},
-        {aiTitle("Kept") + "{\"type\":\"ai-title\",\"aiTitle\":42}\n", "Kept"},
         // An empty custom title is still the user's choice.
         {aiTitle("Generated") + customTitle(""), ""},
     };
@@ -107,9 +105,7 @@ TEST(TranscriptTail, InterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
         {interrupt + "{\"type\":\"assistant\",\"message\":null}\r\n", false},
         // Lines that fail to decode as a whole leave the interrupt before them the newest turn.
         {interrupt + R"({"type":7,"message":{"content":"x"}})", true},
-        {interrupt + R"({"type":"user","message":"not an object"})", true},
         {interrupt + R"({"type":"assistant","timestamp":7})", true},
-        {interrupt + R"(["type","assistant"])", true},
         {interrupt + R"({"type":"assistant"}{"type":"assistant"})", true},
         {interrupt + "{\"type\":\"assistant\",\"message\":{\"content\":\"bad \xff byte\"}}", true},
     };
@@ -133,17 +129,6 @@ TEST(TranscriptTail, SurvivesHugeAndHostileInput)
     EXPECT_EQ(tail.title, "Survivor");
     EXPECT_EQ(tail.interruptedAt, std::nullopt);
     EXPECT_EQ(TranscriptTail::parse("\n\n\n"), TranscriptTail{});
-}
-
-TEST(TranscriptTail, ATailCutAnywhereLosesOnlyItsFirstLine)
-{
-    const std::string whole = fixture("titled-session.jsonl");
-    const auto expected = TranscriptTail::parse(whole);
-    // Cut at every offset inside the tool result's listing, which has multi-byte characters.
-    const std::size_t listing = whole.find("toolu_01QmV7oJ1bXr3kGdZp8sTaYw\",\"type\":\"tool_result\"");
-    ASSERT_NE(listing, std::string::npos);
-    for (std::size_t cut = listing; cut < listing + 300; ++cut)
-        ASSERT_EQ(TranscriptTail::parse(std::string_view(whole).substr(cut)), expected) << "cut at " << cut;
 }
 
 TEST(TranscriptTail, ReadsOnlyTheLastBytesOfTheFile)
