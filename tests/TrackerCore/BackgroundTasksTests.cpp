@@ -104,7 +104,7 @@ TEST(BackgroundTasks, EndsOnlyWhatANotificationOrTaskStopNames)
     }
 }
 
-TEST(BackgroundTasks, ResultsCountOnlyForOpenTasks)
+TEST(BackgroundTasks, ResultsCountOnlyForOpenTasksOldestFirst)
 {
     // The start fell before the tail: its result and its notification are ignored.
     EXPECT_TRUE(
@@ -116,6 +116,11 @@ TEST(BackgroundTasks, ResultsCountOnlyForOpenTasks)
                         result("toolu_B", "Async agent launched.\nagentId: same1 (internal)"),
                         notice("<task-id>same1</task-id><status>completed</status>")})),
               std::vector<std::string>{"toolu_A"});
+    // Oldest first; no stamp, or one without fractional seconds, starts in the distant past.
+    EXPECT_EQ(ids(scan({background("toolu_C", "c", "2026-03-14T11:00:03.000Z"),
+                        background("toolu_A", "a", "2026-03-14T11:00:01.000Z"),
+                        background("toolu_B", "b", "2026-03-14T11:00:02+01:00")})),
+              (std::vector<std::string>{"toolu_B", "toolu_A", "toolu_C"}));
     // A restart under the same id replaces the task.
     EXPECT_EQ(
         scan({background("toolu_A", "first"), background("toolu_A", "second", "2026-03-14T12:00:00.000Z")}),
@@ -152,7 +157,7 @@ TEST(BackgroundTasks, TitleIsTheFirstLineOfDescriptionCommandOrPrompt)
     EXPECT_EQ(title({{"description", ""}, {"command", "\n\r\nnpm test\nnpm run lint"}}), "npm test");
     EXPECT_EQ(title({{"description", "\n"}, {"prompt", "\u2028\u0085  Review the diff\u2028then commit"}}),
               "  Review the diff");
-    EXPECT_EQ(title({{"description", "\f"}, {"command", "\u0085"}, {"prompt", "\r\n"}}), "Background task");
+    EXPECT_EQ(title({{"description", "\n"}}), "Background task");
     // A line that is not valid UTF-8 is repaired before it is read.
     EXPECT_EQ(
         scan({R"({"type":"assistant","message":{"content":[{"type":"tool_use","id":"toolu_A","name":"Bash",)"
@@ -162,35 +167,22 @@ TEST(BackgroundTasks, TitleIsTheFirstLineOfDescriptionCommandOrPrompt)
         "build \xEF\xBF\xBD docs");
 }
 
-TEST(BackgroundTasks, OnlyDecodedToolUseStartsCountOldestFirst)
+TEST(BackgroundTasks, BadLinesAndLinesThatStartNothingAreSkipped)
 {
-    // The marker is matched exactly, a foreground call is no task, and a line that does not decode starts
-    // nothing.
-    EXPECT_TRUE(
-        scan(
-            {R"({"type":"assistant","message":{"content":[{"type":"tool_use","id":"toolu_A","name":"Bash","input":{"run_in_background": true}}]}})",
-             start("toolu_B", {{"run_in_background", false}, {"command", "ls"}}),
-             R"({"type":"assistant","message":{"content":[{"type":"server_tool_use","id":"s1","name":"Monitor","input":{}},{"type":"tool_use","id":"t1","name":"Monitor"}]}})",
-             R"({"type":"user","message":{"content":[{"type":"tool_use","id":"toolu_C","name":"Monitor","input":{}}]}})",
-             R"({"type":"assistant","message":{"content":[{"type":"tool_use","id":"toolu_D","name":"Monitor","input":{}},{"type":"tool_use","id":3}]}})"})
-            .empty());
-    // No stamp, and a stamp without fractional seconds, both start in the distant past.
-    const auto tasks = scan({background("toolu_C", "c", "2026-03-14T11:00:03.000Z"),
-                             background("toolu_A", "a", "2026-03-14T11:00:01.000Z"),
-                             background("toolu_B", "b", "2026-03-14T11:00:02+01:00")});
-    EXPECT_EQ(ids(tasks), (std::vector<std::string>{"toolu_B", "toolu_A", "toolu_C"}));
-    EXPECT_EQ(tasks[0].startedAt, distantPast());
-}
-
-TEST(BackgroundTasks, BadLinesAreSkippedAndTheRestStillRead)
-{
+    // The marker is matched exactly; foreground calls, calls that are no tool use, calls without an id or an
+    // input, user lines, and lines that do not decode start nothing.
     const std::string huge(2 << 20, 'y');
-    const auto tasks =
-        scan({"\xff\xfe\"run_in_background\":true\x80<task-notification><status>", "{\"tool_result\" " + huge,
-              background("toolu_A", "kept"),
-              R"({"type":"assistant","message":"str","id":3,"timestamp":7,"name":"Monitor"})",
-              R"({"type":5,"message":{"content":5},"name":"TaskStop"})",
-              result("toolu_A", "\"tool_use_id\":\"" + std::string(100000, 'z') + "\" with ID: " + huge),
-              notice("<task-id>" + std::string(100000, 'z') + "</task-id><status>done</status>")});
+    const auto tasks = scan(
+        {R"({"type":"assistant","message":{"content":[{"type":"tool_use","id":"toolu_X","name":"Bash","input":{"run_in_background": true}}]}})",
+         start("toolu_B", {{"run_in_background", false}, {"command", "ls"}}),
+         R"({"type":"assistant","message":{"content":[{"type":"server_tool_use","id":"s1","name":"Monitor","input":{}},{"type":"tool_use","id":"t1","name":"Monitor"}]}})",
+         R"({"type":"user","message":{"content":[{"type":"tool_use","id":"toolu_C","name":"Monitor","input":{}}]}})",
+         R"({"type":"assistant","message":{"content":[{"type":"tool_use","id":"toolu_D","name":"Monitor","input":{}},{"type":"tool_use","id":3}]}})",
+         "\xff\xfe\"run_in_background\":true\x80<task-notification><status>", "{\"tool_result\" " + huge,
+         background("toolu_A", "kept"),
+         R"({"type":"assistant","message":"str","id":3,"timestamp":7,"name":"Monitor"})",
+         R"({"type":5,"message":{"content":5},"name":"TaskStop"})",
+         result("toolu_A", "\"tool_use_id\":\"" + std::string(100000, 'z') + "\" with ID: " + huge),
+         notice("<task-id>" + std::string(100000, 'z') + "</task-id><status>done</status>")});
     EXPECT_EQ(ids(tasks), std::vector<std::string>{"toolu_A"});
 }
