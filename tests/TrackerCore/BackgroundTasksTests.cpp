@@ -134,7 +134,6 @@ TEST(BackgroundTasks, ExpiryCountsFromTheStart)
     };
     EXPECT_EQ(expiry("timeout 1500ms"), at("2026-03-14T11:00:01.500Z"));
     EXPECT_EQ(expiry("timeout 120000ms, expires in 5m"), at("2026-03-14T11:05:00.000Z"));
-    EXPECT_EQ(expiry("nothing said"), std::nullopt);
     // Digits too many for a number count as no minutes, so the milliseconds apply.
     EXPECT_EQ(expiry("expires in 99999999999999999999m, timeout 2000ms"), at("2026-03-14T11:00:02.000Z"));
     // A number that fits but lies beyond any writable date stays the latest one.
@@ -159,12 +158,9 @@ TEST(BackgroundTasks, TitleIsTheFirstLineOfDescriptionCommandOrPrompt)
               "  Review the diff");
     EXPECT_EQ(title({{"description", "\n"}}), "Background task");
     // A line that is not valid UTF-8 is repaired before it is read.
-    EXPECT_EQ(
-        scan({R"({"type":"assistant","message":{"content":[{"type":"tool_use","id":"toolu_A","name":"Bash",)"
-              "\"input\":{\"run_in_background\":true,\"command\":\"build \xff docs\"}}]}}"})
-            .at(0)
-            .title,
-        "build \xEF\xBF\xBD docs");
+    std::string raw = start("toolu_A", {{"run_in_background", true}, {"command", "build ? docs"}});
+    raw[raw.find('?')] = '\xff';
+    EXPECT_EQ(scan({raw}).at(0).title, "build \xEF\xBF\xBD docs");
 }
 
 TEST(BackgroundTasks, BadLinesAndLinesThatStartNothingAreSkipped)

@@ -77,8 +77,7 @@ TEST(SessionKinds, BackgroundAndOutlivingItsProcess)
     EXPECT_FALSE(s.outlivesItsProcess());
     s.origin.hostSessionId = "h1";
     EXPECT_TRUE(s.outlivesItsProcess());
-    s.origin.entrypoint = "claude-vscode";
-    s.parentId = "p";
+    s.parentId = "p"; // a subagent's session
     EXPECT_TRUE(s.isBackground());
     EXPECT_FALSE(s.outlivesItsProcess());
     s.origin.projectDir = "/a/b";

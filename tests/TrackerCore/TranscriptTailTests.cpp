@@ -118,13 +118,10 @@ TEST(TranscriptTail, InterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
 TEST(TranscriptTail, SurvivesHugeAndHostileInput)
 {
     const std::string huge(2 << 20, 'x');
-    std::string binary(4096, '\0');
-    for (std::size_t i = 0; i < binary.size(); ++i)
-        binary[i] = static_cast<char>((i * 7919) % 251 + 1);
     const std::string bytes = customTitle("Survivor") + huge + "\n" +
                               userLine(kStamp, Json::array({{{"type", "tool_result"}, {"content", huge}}})) +
-                              binary + "\n{\"type\":\"user\",\"message\":{\"content\":\"" + huge + "\n" +
-                              std::string(100000, '[') + "\n\n\n\n";
+                              "\x01\xfe\xff\x80\n{\"type\":\"user\",\"message\":{\"content\":\"" + huge +
+                              "\n" + std::string(100000, '[') + "\n\n\n\n";
     const auto tail = TranscriptTail::parse(bytes);
     EXPECT_EQ(tail.title, "Survivor");
     EXPECT_EQ(tail.interruptedAt, std::nullopt);
