@@ -89,10 +89,8 @@ TEST(BackgroundTasks, EndsOnlyWhatANotificationOrTaskStopNames)
         // Not a notification of an end, or not one Claude Code delivered.
         {notice("<task-id>shA1</task-id> still going"), both},
         {notice("<task-id>shA1</task-id><status>completed</status>", "assistant"), both},
-        {notice("<task-id>shA1</task-id><status>completed</status>", "api-request-blob"), both},
         // A task id is looked up only among announced ids, never among tool-use ids, and vice versa.
         {notice("<task-id>toolu_A</task-id><status>completed</status>"), both},
-        {notice("<tool-use-id>shA1</tool-use-id><status>completed</status>"), both},
         {start("toolu_S", {{"task_id", "shA1"}}, "TaskStop"), onlyB},
         {start("toolu_S", {{"task_id", "toolu_A"}}, "TaskStop"), both},
     };
