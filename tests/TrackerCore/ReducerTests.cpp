@@ -61,8 +61,6 @@ TEST(ReducerText, SummarizeAndDescribe)
     HookEvent::ToolInput input;
     input.filePath = "/src/app/main.c";
     EXPECT_EQ(Reducer::describe("Edit", input), "Edit: main.c");
-    input.command = "npm test\nnpm run lint";
-    EXPECT_EQ(Reducer::describe("Bash", input), "Bash: npm test");
     EXPECT_FALSE(Reducer::describe(std::nullopt, input));
 }
 

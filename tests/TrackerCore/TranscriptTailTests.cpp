@@ -44,11 +44,8 @@ const char* const kStamp = "2026-03-14T10:02:31.118Z";
 
 } // namespace
 
-TEST(TranscriptTail, FixturesGiveTheirTitleAndInterrupt)
+TEST(TranscriptTail, AnInterruptedSessionGivesItsTitleAndInterrupt)
 {
-    const auto titled = TranscriptTail::parse(fixture("titled-session.jsonl"));
-    EXPECT_EQ(titled.title, "Ledger CSV importer");
-    EXPECT_EQ(titled.interruptedAt, std::nullopt);
     const auto interrupted = TranscriptTail::parse(fixture("interrupted-turn.jsonl"));
     EXPECT_EQ(interrupted.interruptedAt, at(kStamp));
     EXPECT_EQ(interrupted.title, "Staging migration run");
@@ -94,7 +91,6 @@ TEST(TranscriptTail, InterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
         {userLine(kStamp,
                   Json::array({{{"type", "text"}, {"text", nullptr}}, {{"type", "text"}, {"text", marker}}})),
          true},
-        {withContent(R"({"text":"[Request interrupted by user]"})"), false},
         // Escapes are compared as what they decode to, and of two "content" members the later counts.
         {withContent(R"("\u005bRequest\u0020interrupted by user]")"), true},
         {withContent(R"("x","content":"[Request interrupted by user]")"), true},
@@ -104,28 +100,14 @@ TEST(TranscriptTail, InterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
         // Unknown keys and odd values elsewhere do not keep a line from being the newest turn.
         {interrupt + "{\"type\":\"assistant\",\"message\":null}\r\n", false},
         // Lines that fail to decode as a whole leave the interrupt before them the newest turn.
-        {interrupt + R"({"type":7,"message":{"content":"x"}})", true},
         {interrupt + R"({"type":"assistant","timestamp":7})", true},
-        {interrupt + R"({"type":"assistant"}{"type":"assistant"})", true},
+        {interrupt + std::string(100000, '[') + "\n\n", true},
         {interrupt + "{\"type\":\"assistant\",\"message\":{\"content\":\"bad \xff byte\"}}", true},
     };
     for (const auto& [bytes, interrupted] : cases)
         EXPECT_EQ(TranscriptTail::parse(bytes).interruptedAt,
                   interrupted ? std::optional(at(kStamp)) : std::nullopt)
             << bytes;
-}
-
-TEST(TranscriptTail, SurvivesHugeAndHostileInput)
-{
-    const std::string huge(2 << 20, 'x');
-    const std::string bytes = customTitle("Survivor") + huge + "\n" +
-                              userLine(kStamp, Json::array({{{"type", "tool_result"}, {"content", huge}}})) +
-                              "\x01\xfe\xff\x80\n{\"type\":\"user\",\"message\":{\"content\":\"" + huge +
-                              "\n" + std::string(100000, '[') + "\n\n\n\n";
-    const auto tail = TranscriptTail::parse(bytes);
-    EXPECT_EQ(tail.title, "Survivor");
-    EXPECT_EQ(tail.interruptedAt, std::nullopt);
-    EXPECT_EQ(TranscriptTail::parse("\n\n\n"), TranscriptTail{});
 }
 
 TEST(TranscriptTail, ReadsOnlyTheLastBytesOfTheFile)
@@ -135,6 +117,7 @@ TEST(TranscriptTail, ReadsOnlyTheLastBytesOfTheFile)
     const auto path = dir / "t.jsonl";
     test::writeText(path, data);
     EXPECT_EQ(TranscriptTail::read(path, 524288), TranscriptTail::parse(data));
+    EXPECT_EQ(TranscriptTail::parse(data).interruptedAt, std::nullopt);
     // Start inside a three-byte character of the listing, the first of "✓".
     const std::size_t check = data.find("\xE2\x9C\x93");
     ASSERT_NE(check, std::string::npos);
