@@ -44,7 +44,7 @@ const char* const kStamp = "2026-03-14T10:02:31.118Z";
 
 } // namespace
 
-TEST(TranscriptTail, AnInterruptedSessionGivesItsTitleAndInterrupt)
+TEST(TranscriptTail, FixturesGiveTheirTitleAndInterrupt)
 {
     const auto interrupted = TranscriptTail::parse(fixture("interrupted-turn.jsonl"));
     EXPECT_EQ(interrupted.interruptedAt, at(kStamp));
