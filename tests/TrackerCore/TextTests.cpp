@@ -11,10 +11,6 @@ TEST(Text, TrimsSplitsAndCountsUserPerceivedCharacters)
     EXPECT_EQ(characterCount("\U0001F469\u200D\U0001F4BB"), 1u);        // woman technologist
     EXPECT_EQ(characterCount("\U0001F44D\U0001F3FD ok"), 4u);           // thumbs up + skin tone
     EXPECT_EQ(characterPrefix("e\u0301e\u0301x", 2), "e\u0301e\u0301"); // e + combining acute
-    EXPECT_TRUE(isAlphanumeric(U'\u0663'));                             // Arabic-Indic digit three
-    EXPECT_FALSE(isAlphanumeric(U'\u00a0'));
-    EXPECT_EQ(lastPathComponent("/a/b/"), "b");
-    EXPECT_EQ(lastPathComponent("/"), "/");
 }
 
 TEST(Text, ReplacesInvalidUtf8)
