@@ -14,11 +14,9 @@ namespace {
 const auto at = [](const char* iso) { return parseIso8601(iso).value(); };
 constexpr const char* kStart = "2026-03-14T11:00:00.000Z";
 
-std::vector<Task> scan(const std::vector<std::string>& lines)
-{
-    return TranscriptTail::runningBackgroundTasksIn(
-        std::vector<std::string_view>(lines.begin(), lines.end()));
-}
+const auto scan = [](const std::vector<std::string>& lines) {
+    return TranscriptTail::runningBackgroundTasksIn({lines.begin(), lines.end()});
+};
 
 std::vector<std::string> ids(const std::vector<Task>& tasks)
 {
@@ -32,7 +30,7 @@ std::string start(const char* id, const Json& input, const char* name = "Bash",
                   const char* timestamp = kStart)
 {
     const Json call = {{"type", "tool_use"}, {"id", id}, {"name", name}, {"input", input}};
-    Json line{{"type", "assistant"}, {"message", {{"role", "assistant"}, {"content", Json::array({call})}}}};
+    Json line{{"type", "assistant"}, {"message", {{"content", Json::array({call})}}}};
     if (timestamp) line["timestamp"] = timestamp;
     return line.dump();
 }
@@ -42,17 +40,16 @@ std::string background(const char* id, const char* command, const char* timestam
     return start(id, {{"command", command}, {"run_in_background", true}}, "Bash", timestamp);
 }
 
-std::string result(const char* id, const std::string& text)
-{
+const auto result = [](const char* id, const std::string& text) {
     const Json block = {{"tool_use_id", id}, {"type", "tool_result"}, {"content", text}};
-    return Json{{"type", "user"}, {"message", {{"role", "user"}, {"content", Json::array({block})}}}}.dump();
-}
+    return Json{{"type", "user"}, {"message", {{"content", Json::array({block})}}}}.dump();
+};
 
-std::string notice(const std::string& body, const char* type = "user")
-{
-    const std::string text = "<task-notification>\n" + body + "\n</task-notification>";
-    return Json{{"type", type}, {"message", {{"role", "user"}, {"content", text}}}}.dump();
-}
+const auto notice = [](const std::string& body, const char* type = "user") {
+    return Json{{"type", type},
+                {"message", {{"content", "<task-notification>\n" + body + "\n</task-notification>"}}}}
+        .dump();
+};
 
 } // namespace
 
