@@ -114,8 +114,6 @@ TEST_F(SessionStoreTest, LoadAllCollectsFailuresAndSkipsOtherFiles)
     write(".a.json.tmp", "{half a file"); // left by a killed writer
     fs::create_directories(dir / "folder.json");
     EXPECT_EQ(sortedIds(store.loadAll()), (std::vector<std::string>{"!folder.json", "!x.json", "a/"}));
-    for (const auto& f : store.loadAll().failures)
-        EXPECT_FALSE(f.error.empty());
 }
 
 TEST_F(SessionStoreTest, CachedLoadsFollowEveryChange)

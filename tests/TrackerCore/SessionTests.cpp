@@ -73,9 +73,6 @@ TEST(SessionKinds, BackgroundAndOutlivingItsProcess)
 
 TEST(OriginTest, FromEnvironmentAndAppName)
 {
-    const Origin empty(Environment{}, std::nullopt);
-    EXPECT_EQ(toJson(empty).dump(), "{}");
-
     const Origin o({{"CLAUDE_CODE_ENTRYPOINT", "claude-vscode"},
                     {"__CFBundleIdentifier", "com.todesktop.230313mzl4w4u92"},
                     {"TERM_PROGRAM", ""},
