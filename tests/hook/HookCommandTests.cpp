@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <set>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <thread>
@@ -66,11 +67,7 @@ class HookCommandTest : public ::testing::Test {
         const int spawned = posix_spawn(&pid, executable.c_str(), &actions, nullptr, argv, envp.data());
         posix_spawn_file_actions_destroy(&actions);
         ::close(in[0]);
-        for (std::size_t at = 0; spawned == 0 && at < payload.size();) {
-            const ssize_t n = ::write(in[1], payload.data() + at, payload.size() - at);
-            if (n <= 0) break;
-            at += static_cast<std::size_t>(n);
-        }
+        if (spawned == 0) (void)!::write(in[1], payload.data(), payload.size()); // all of it, or EPIPE
         ::close(in[1]);
         int status = 0;
         if (spawned != 0 || ::waitpid(pid, &status, 0) != pid)
@@ -85,19 +82,17 @@ class HookCommandTest : public ::testing::Test {
         Env failing = env;
         failing.push_back("LD_PRELOAD=" SKELDRIN_FAIL_SHIM);
         failing.push_back("SKELDRIN_FAIL=" + fail); // call:errno[:skip[:times]]
-        failing.push_back(
-            "ASAN_OPTIONS=verify_asan_link_order=0"); // the shim comes first in the sanitizer build
+        // The shim comes first in the sanitizer build.
+        failing.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
         return run(failing, payload, kSharedHook);
     }
     Session session(const std::string& id) const { return decodeSession(bytes(id)); }
     std::string bytes(const std::string& id) const { return test::readText(sessions / (id + ".json")); }
-    std::vector<std::string> listing() const
+    std::set<std::string> listing() const
     {
-        std::vector<std::string> names;
-        if (fs::exists(sessions))
-            for (const auto& e : fs::directory_iterator(sessions))
-                names.push_back(e.path().filename());
-        std::sort(names.begin(), names.end());
+        std::set<std::string> names;
+        for (std::error_code none; const auto& e : fs::directory_iterator(sessions, none))
+            names.insert(e.path().filename());
         return names;
     }
     static std::string event(const std::string& name, const std::string& id, const std::string& extra = "")
