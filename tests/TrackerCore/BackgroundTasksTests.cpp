@@ -149,7 +149,7 @@ TEST(BackgroundTasks, TitleIsTheFirstLineOfDescriptionCommandOrPrompt)
     };
     EXPECT_EQ(title({{"description", "Audit deps"}, {"command", "npm audit"}}), "Audit deps");
     EXPECT_EQ(title({{"description", ""}, {"command", "\n\r\nnpm test\nnpm run lint"}}), "npm test");
-    EXPECT_EQ(title({{"description", "\n"}, {"prompt", "\u2028\u0085  Review the diff\u2028then commit"}}),
+    EXPECT_EQ(title({{"description", "\n"}, {"prompt", "\u2028  Review the diff\u2028then commit"}}),
               "  Review the diff");
     EXPECT_EQ(title({{"description", "\n"}}), "Background task");
     // A line that is not valid UTF-8 is repaired before it is read.

@@ -52,16 +52,6 @@ TEST(HookEventDecoding, OptionalKeysAndBadPayloads)
         EXPECT_THROW(HookEvent::decode(bad), DecodingError) << bad;
 }
 
-TEST(ReducerText, SummarizeAndDescribe)
-{
-    EXPECT_EQ(Reducer::summarize(std::string(121, 'a')), std::string(119, 'a') + "\u2026");
-    EXPECT_EQ(Reducer::summarize(std::string(120, 'b')), std::string(120, 'b'));
-    HookEvent::ToolInput input;
-    input.filePath = "/src/app/main.c";
-    EXPECT_EQ(Reducer::describe("Edit", input), "Edit: main.c");
-    EXPECT_FALSE(Reducer::describe(std::nullopt, input));
-}
-
 TEST(ReducerLifecycle, CreationCommonFieldsAndSessionEnd)
 {
     HookContext c = context();
@@ -120,6 +110,13 @@ TEST(ReducerApprovals, PromptsStartTurnsAndPermissionRequestsCountAndClose)
     EXPECT_EQ(s.pendingApprovals, 0);
     EXPECT_EQ(s.approvalsThisTurn, 0);
     EXPECT_EQ(s.status(), Status::ready);
+    // A long prompt is cut to 120 characters; a file tool is described by its file's name.
+    s = run(
+        {event("UserPromptSubmit", {{"prompt", std::string(121, 'a')}}),
+         event("PermissionRequest", {{"tool_name", "Edit"}, {"tool_input", {{"file_path", "/src/main.c"}}}})},
+        s);
+    EXPECT_EQ(s.lastPrompt, std::string(119, 'a') + "\u2026");
+    EXPECT_EQ(s.waitingFor, "Edit: main.c");
 }
 
 TEST(ReducerApprovals, NotificationsOpenPromptsOnlyWhenNoneIsCounted)

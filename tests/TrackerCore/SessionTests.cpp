@@ -58,19 +58,6 @@ TEST(SessionStatus, DerivedFromCountersAndPhase)
     EXPECT_FALSE(statusFromRawValue("Ready"));
 }
 
-TEST(SessionKinds, BackgroundAndOutlivingItsProcess)
-{
-    Session s("x", "claude", "/work/proj/", {}, std::nullopt, at(0));
-    EXPECT_EQ(s.projectName(), "proj");
-    s.origin.entrypoint = "sdk-ts";
-    EXPECT_TRUE(s.isBackground() && !s.outlivesItsProcess());
-    s.origin.entrypoint = "claude-desktop";
-    s.origin.hostSessionId = "h1";
-    EXPECT_TRUE(s.outlivesItsProcess() && !s.isBackground());
-    s.parentId = "p"; // a subagent's session
-    EXPECT_TRUE(s.isBackground() && !s.outlivesItsProcess());
-}
-
 TEST(OriginTest, FromEnvironmentAndAppName)
 {
     const Origin o({{"CLAUDE_CODE_ENTRYPOINT", "claude-vscode"},
@@ -89,6 +76,9 @@ TEST(OriginTest, FromEnvironmentAndAppName)
     EXPECT_EQ(desktop.appName(), "Claude");
     EXPECT_EQ(Editor(std::optional<std::string>("com.microsoft.vscode")).bundleId, "com.microsoft.VSCode");
     EXPECT_EQ(Editor(std::optional<std::string>()).urlScheme, "vscode");
+    const Session s("x", "claude", "/work/proj/", o, std::nullopt, at(0));
+    EXPECT_EQ(s.projectName(), "proj");
+    EXPECT_TRUE(s.outlivesItsProcess() && !s.isBackground()); // an editor's session
 }
 
 TEST(SessionJson, RoundTripsWithSortedKeysAndNoNulls)
