@@ -82,7 +82,6 @@ TEST(BackgroundTasks, EndsOnlyWhatANotificationOrTaskStopNames)
     const std::pair<std::string, std::vector<std::string>> cases[] = {
         {notice("<task-id>shA1</task-id>\n<status>completed</status>"), onlyB},
         {notice("<tool-use-id>toolu_B</tool-use-id>\n[Monitor expired after 5m]"), onlyA},
-        {notice("<task-id>mon2</task-id> [Monitor timed out]"), onlyA},
         // Not a notification of an end, or not one Claude Code delivered.
         {notice("<task-id>shA1</task-id> still going"), both},
         {notice("<task-id>shA1</task-id><status>completed</status>", "assistant"), both},

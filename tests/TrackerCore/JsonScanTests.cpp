@@ -102,8 +102,7 @@ TEST(HookEventDecoding, StreamedDecodeMatchesAFullDecode)
     payloads.push_back("\xef\xbb\xbf {" + head + ",\"is_interrupt\":true}\n");
     // Broken documents: cut short, invalid UTF-8 or a bad escape deep inside the big text, trailing text.
     const std::string whole = "{" + head + R"(,"tool_input":{"content":)" + big + "}}";
-    for (const std::size_t cut : {whole.size() / 3, whole.size() - 1})
-        payloads.push_back(whole.substr(0, cut));
+    payloads.push_back(whole.substr(0, whole.size() - 1));
     for (const char* bad : {"\xed\xa0\x80", "\\ud83d", "\x01"}) {
         std::string broken = whole;
         broken.insert(100'000, bad);

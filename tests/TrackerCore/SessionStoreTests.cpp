@@ -10,11 +10,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-Session make(const std::string& id)
-{
-    return Session(id, "claude", "/w", {}, std::nullopt,
-                   Date{std::chrono::sys_days{std::chrono::year{2026} / 3 / 14}});
-}
+const auto make = [](const std::string& id) { return Session(id, "claude", "/w", {}, std::nullopt, Date{}); };
 
 // Sets the session's title, creating the session when it is missing.
 void retitle(const SessionStore& store, const std::string& id, const std::string& title = "")

@@ -9,12 +9,9 @@ using namespace skeldrin;
 
 namespace {
 
-std::string fixture(const std::string& name)
-{
-    const std::string data = test::readText(std::string(SKELDRIN_FIXTURES) + "/transcripts/" + name);
-    if (data.empty()) throw std::runtime_error("missing fixture " + name);
-    return data;
-}
+const auto fixture = [](const char* name) {
+    return test::readText(SKELDRIN_FIXTURES "/transcripts/" + std::string(name));
+};
 
 const auto at = [](const char* iso) { return parseIso8601(iso).value(); };
 
