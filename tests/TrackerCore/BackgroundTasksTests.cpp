@@ -115,10 +115,6 @@ TEST(BackgroundTasks, ResultsCountOnlyForOpenTasksOldestFirst)
                         background("toolu_A", "a", "2026-03-14T11:00:01.000Z"),
                         background("toolu_B", "b", "2026-03-14T11:00:02+01:00")})),
               (std::vector<std::string>{"toolu_B", "toolu_A", "toolu_C"}));
-    // A restart under the same id replaces the task.
-    EXPECT_EQ(
-        scan({background("toolu_A", "first"), background("toolu_A", "second", "2026-03-14T12:00:00.000Z")}),
-        (std::vector<Task>{{"toolu_A", at("2026-03-14T12:00:00.000Z"), "second", std::nullopt}}));
 }
 
 TEST(BackgroundTasks, ExpiryCountsFromTheStart)
@@ -135,9 +131,10 @@ TEST(BackgroundTasks, ExpiryCountsFromTheStart)
     EXPECT_EQ(expiry("expires in 5m", nullptr), distantPast() + std::chrono::minutes{5});
 
     // A later result without expiry keeps the earlier one.
-    const auto tasks =
-        scan({background("toolu_A", "x"), result("toolu_A", "expires in 1m"), result("toolu_A", "no")});
-    EXPECT_EQ(tasks.at(0).expiresAt, at("2026-03-14T11:01:00.000Z"));
+    EXPECT_EQ(scan({background("toolu_A", "x"), result("toolu_A", "expires in 1m"), result("toolu_A", "no")})
+                  .at(0)
+                  .expiresAt,
+              at("2026-03-14T11:01:00.000Z"));
 }
 
 TEST(BackgroundTasks, TitleIsTheFirstLineOfDescriptionCommandOrPrompt)

@@ -137,7 +137,6 @@ TEST(Paths, HomeFromPasswdText)
 {
     // The static hook's own reading of /etc/passwd, used when $HOME is unset.
     const std::string passwd = "root:x:0:0:root:/root:/bin/bash\n"
-                               "# a comment\n\n"
                                "short:x:1000\n"
                                "nohome:x:1001:1001:::/bin/sh\n"
                                "ann:x:10012:100:Ann,,,:/home/ann:/bin/zsh\n"

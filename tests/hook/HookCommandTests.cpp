@@ -166,11 +166,13 @@ TEST_F(HookCommandTest, BadInputAndDiskFailuresExitQuietlyAndChangeNothing)
     // The system call the shim fails (none: the plain hook) and the payload: bad payloads, a session file it
     // cannot read (which stays for the user), failures on the lock, the session file and its removal.
     std::vector<std::pair<std::string, std::string>> cases;
-    for (const std::string bad : {"", R"({"hook_event_name":"Stop","session_id":"s3")",
-                                  R"(["hook_event_name"])", R"({"hook_event_name":"Stop","cwd":"/x"})",
-                                  R"({"hook_event_name":"Stop","session_id":"s1","cwd":false})",
-                                  "{\"hook_event_name\":\"Stop\",\"session_id\":\"s\xff\"}",
-                                  R"({"hook_event_name":"Stop","session_id":"../x"})"})
+    for (const std::string bad :
+         {"", R"({"hook_event_name":"Stop","session_id":"s3")", R"(["hook_event_name"])",
+          R"({"hook_event_name":"Stop","cwd":"/x"})", R"({"session_id":"s4"})",
+          R"({"hook_event_name":"Stop","session_id":"s4","tool_input":{"questions":{}}})",
+          R"({"hook_event_name":"Stop","session_id":"s1","cwd":false})",
+          "{\"hook_event_name\":\"Stop\",\"session_id\":\"s\xff\"}",
+          R"({"hook_event_name":"Stop","session_id":"../x"})"})
         cases.emplace_back("", bad);
     cases.emplace_back("", event("UserPromptSubmit", "s2"));
     for (const std::string& fail : {"open" + e(ENOSPC), "flock" + e(ENOLCK), "open" + e(ENOSPC) + ":1",
