@@ -156,8 +156,7 @@ TEST(BackgroundTasks, TitleIsTheFirstLineOfDescriptionCommandOrPrompt)
 
 TEST(BackgroundTasks, BadLinesAndLinesThatStartNothingAreSkipped)
 {
-    // The marker is matched exactly; foreground calls, calls that are no tool use, calls without an id or an
-    // input, user lines, and lines that do not decode start nothing.
+    // Markers match exactly; foreground, non-tool-use, id-less or input-less calls, user lines start nothing.
     const std::string huge(2 << 20, 'y');
     const auto tasks = scan(
         {R"({"type":"assistant","message":{"content":[{"type":"tool_use","id":"toolu_X","name":"Bash","input":{"run_in_background": true}}]}})",

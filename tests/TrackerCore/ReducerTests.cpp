@@ -160,8 +160,7 @@ TEST(ReducerFailures, InterruptsEndTheTurnOtherFailuresCloseTheTool)
             s);
     EXPECT_EQ(s.status(), Status::ready);
 
-    // Without a list of open prompts, a finished tool clears the count; a denial counts one down, never below
-    // none.
+    // Without open prompts, a finished tool clears the count; a denial counts one down, to none at most.
     for (const auto& [close, pending] :
          {std::pair{"PostToolUse", 3}, {"PermissionDenied", 1}, {"PermissionDenied", 0}}) {
         s.openPrompts.reset();

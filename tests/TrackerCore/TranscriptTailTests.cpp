@@ -89,7 +89,6 @@ TEST(TranscriptTail, InterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
         {withContent(R"("\u005bRequest\u0020interrupted by user]")"), true},
         {withContent(R"("x","content":"[Request interrupted by user]")"), true},
         // Undated or badly dated: not reported, but the turn is settled all the same.
-        {userLine(nullptr, marker), false},
         {userLine(kStamp, marker) + userLine("yesterday", marker), false},
         // Unknown keys and odd values elsewhere do not keep a line from being the newest turn.
         {interrupt + "{\"type\":\"assistant\",\"message\":null}\r\n", false},

@@ -41,8 +41,7 @@ class HookCommandTest : public ::testing::Test {
   protected:
     HookCommandTest() { std::signal(SIGPIPE, SIG_IGN); } // a hook that stops reading must not end the test
 
-    // Runs a hook executable to its end with only `vars` set and `payload` written to a pipe on its standard
-    // input.
+    // Runs an executable to its end with only `vars` set and `payload` piped to its standard input.
     Outcome run(const Env& vars, const std::string& payload, const std::string& executable = kHook) const
     {
         static std::atomic<int> runs{0};
@@ -123,7 +122,6 @@ TEST_F(HookCommandTest, RecordsAnEventWithItsContextAfterReadingAllOfIt)
     EXPECT_EQ(r.out + r.err, "");
     const Session s = session("s1");
     EXPECT_EQ(s.lastPrompt, "fix the build");
-    EXPECT_EQ(s.status(), Status::running);
     EXPECT_EQ(s.origin.termProgram, "iTerm.app");
     EXPECT_EQ(s.transcriptPath, "/t.jsonl");
     EXPECT_EQ(s.process.value_or(ProcessRef{}).pid, claude);
@@ -163,8 +161,7 @@ TEST_F(HookCommandTest, BadInputAndDiskFailuresExitQuietlyAndChangeNothing)
     const auto names = listing();
     const auto e = [](int error) { return ":" + std::to_string(error); };
     const std::string prompt = event("UserPromptSubmit", "s1");
-    // The system call the shim fails (none: the plain hook) and the payload: bad payloads, a session file it
-    // cannot read (which stays for the user), failures on the lock, the session file and its removal.
+    // The call the shim fails (none: the plain hook), and the payload.
     std::vector<std::pair<std::string, std::string>> cases;
     for (const std::string bad :
          {"", R"({"hook_event_name":"Stop","session_id":"s3")", R"(["hook_event_name"])",
