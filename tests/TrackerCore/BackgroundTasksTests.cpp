@@ -68,7 +68,6 @@ TEST(BackgroundTasks, FollowsTasksThroughAWholeSession)
                            {"toolu_01Watch3Zx7Cv9Bn1Mq5Ws", at("2026-03-14T11:00:08.000Z"),
                             "Watch build log for errors", at("2026-03-14T11:10:08.000Z")},
                        }));
-    // The whole file through the tail reader gives the same.
     EXPECT_EQ(TranscriptTail::parse(whole).runningBackgroundTasks, running);
 }
 

@@ -109,7 +109,7 @@ TEST(ReducerApprovals, PromptsStartTurnsAndPermissionRequestsCountAndClose)
 TEST(ReducerApprovals, NotificationsOpenPromptsOnlyWhenNoneIsCounted)
 {
     Session s = run({event("UserPromptSubmit"), event("PermissionRequest", bash("ls")),
-                     event("Notification", notification("permission_prompt"))});
+                     event("Notification", notification("elicitation_dialog"))});
     EXPECT_EQ(s.openPrompts, std::vector<std::string>{"tool:Bash: ls"});
 
     s = run({event("UserPromptSubmit"), event("Notification", notification("permission_prompt", "Allow?"))},
