@@ -97,6 +97,7 @@ TEST(ReducerApprovals, PromptsStartTurnsAndPermissionRequestsCountAndClose)
     EXPECT_EQ(s.pendingApprovals, 0);
     EXPECT_EQ(s.approvalsThisTurn, 0);
     EXPECT_EQ(s.status(), Status::ready);
+
     // A long prompt is cut to 120 characters; a file tool is described by its file's name.
     s = run(
         {event("UserPromptSubmit", {{"prompt", std::string(121, 'a')}}),
