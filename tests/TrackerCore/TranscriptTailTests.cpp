@@ -87,6 +87,7 @@ TEST(TranscriptTail, InterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
         {userLine(kStamp, Json::array({7, {{"type", "text"}, {"text", marker}}})), false},
         // Escapes are compared as what they decode to, and of two "content" members the later counts.
         {withContent(R"("\u005bRequest\u0020interrupted by user]")"), true},
+        {withContent(R"("\u005bRequest\u00a0interrupted by user]")"), false},
         {withContent(R"("x","content":"[Request interrupted by user]")"), true},
         // Undated or badly dated: not reported, but the turn is settled all the same.
         {userLine(kStamp, marker) + userLine("yesterday", marker), false},
