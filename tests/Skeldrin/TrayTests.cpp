@@ -63,34 +63,25 @@ struct Tray : AppFixture {
 class TrayTests : public QObject {
     Q_OBJECT
   private Q_SLOTS:
-    void menuWithoutSessions_data()
+    void menuWithoutSessionsOffersTheUpdate()
     {
-        QTest::addColumn<bool>("required");
-        QTest::addColumn<bool>("downloading");
-        QTest::addColumn<bool>("awaiting");
-        QTest::addColumn<QString>("first");
-        QTest::newRow("up to date") << false << false << false << QString();
-        QTest::newRow("update pending") << true << false << false << QStringLiteral("Update to 1.4.2…|");
-        QTest::newRow("downloading") << true << true << false << QStringLiteral("Update to 1.4.2…|");
-        QTest::newRow("awaiting install")
-            << true << false << true << QStringLiteral("Drag Skeldrin to Applications…|");
-    }
-    void menuWithoutSessions()
-    {
-        QFETCH(bool, required);
-        QFETCH(bool, downloading);
-        QFETCH(bool, awaiting);
-        QFETCH(QString, first);
-        AppFixture app;
-        std::optional<UpdateManifest> manifest;
-        if (required)
-            manifest = UpdateManifest{QStringLiteral("1.4.2"), QUrl(QStringLiteral("https://x/S.dmg")), {}};
-        app.updates.set(manifest, downloading, awaiting);
-        const auto items = trayMenuItems(*app.model, app.updates, app.settings);
-        QCOMPARE(menu(items).join(QLatin1Char('|')),
-                 first + "No Claude Code sessions disabled|---|Show Widget checked|Compact "
-                         "Widget|---|Settings…|Quit Skeldrin");
-        if (required) QCOMPARE(items.front().action, Action::installUpdate);
+        const struct {
+            bool required, awaiting;
+            QString first;
+        } cases[] = {{false, false, ""},
+                     {true, false, "Update to 1.4.2…|"},
+                     {true, true, "Drag Skeldrin to Applications…|"}};
+        for (const auto& c : cases) {
+            AppFixture app;
+            std::optional<UpdateManifest> manifest;
+            if (c.required) manifest = UpdateManifest{"1.4.2", QUrl("https://x/S.dmg"), {}};
+            app.updates.set(manifest, false, c.awaiting);
+            const auto items = trayMenuItems(*app.model, app.updates, app.settings);
+            QCOMPARE(menu(items).join('|'), c.first +
+                                                "No Claude Code sessions disabled|---|Show Widget checked|"
+                                                "Compact Widget|---|Settings…|Quit Skeldrin");
+            QCOMPARE(items.front().action == Action::installUpdate, c.required);
+        }
     }
 
     void sessionRows()
@@ -123,15 +114,15 @@ class TrayTests : public QObject {
         app.put("one");
         app.widget.refreshVisibility();
         QVERIFY(app.widget.isShown());
-        QVERIFY(app.item(QStringLiteral("Show Widget")).checked);     // default on
-        QVERIFY(!app.item(QStringLiteral("Compact Widget")).checked); // default off
-        app.tray.perform(app.item(QStringLiteral("Show Widget")));
-        app.tray.perform(app.item(QStringLiteral("Compact Widget")));
+        QVERIFY(app.item("Show Widget").checked);     // default on
+        QVERIFY(!app.item("Compact Widget").checked); // default off
+        app.tray.perform(app.item("Show Widget"));
+        app.tray.perform(app.item("Compact Widget"));
         QVERIFY(!app.setting("widget.visible"));
         QVERIFY(app.setting("widget.compact"));
         QVERIFY(!app.widget.isShown()); // hidden at once, not at the next cycle
-        QVERIFY(!app.item(QStringLiteral("Show Widget")).checked);
-        app.tray.perform(app.item(QStringLiteral("Show Widget")));
+        QVERIFY(!app.item("Show Widget").checked);
+        app.tray.perform(app.item("Show Widget"));
         QVERIFY(app.setting("widget.visible"));
         QVERIFY(app.widget.isShown());
     }
@@ -185,39 +176,21 @@ class TrayTests : public QObject {
         QCOMPARE(QColor(badged.pixel(badgeCentre)), colour);
     }
 
-    void toolTipNamesTheMostUrgentStatus_data()
-    {
-        QTest::addColumn<int>("approvals"); // no session when negative
-        QTest::addColumn<bool>("running");
-        QTest::addColumn<QString>("text");
-        QTest::newRow("no sessions") << -1 << false << QStringLiteral("Skeldrin — nothing needs you");
-        QTest::newRow("running") << 0 << true << QStringLiteral("Skeldrin — Running");
-        QTest::newRow("ready") << 0 << false << QStringLiteral("Skeldrin — Ready");
-        QTest::newRow("waiting") << 1 << false << QStringLiteral("Skeldrin — Needs approval");
-        QTest::newRow("several") << 2 << false << QStringLiteral("Skeldrin — Needs several approvals");
-    }
-    void toolTipNamesTheMostUrgentStatus()
-    {
-        QFETCH(int, approvals);
-        QFETCH(bool, running);
-        QFETCH(QString, text);
-        Tray app;
-        if (approvals >= 0) app.put("s", running ? Phase::running : Phase::idle, {}, approvals);
-        QCOMPARE(app.tray.trayIcon().toolTip(), text);
-    }
-
-    void badgeFollowsTheModelAndTheColours()
+    void toolTipAndBadgeFollowTheModelAndTheColours()
     {
         Tray app;
+        const auto toolTip = [&] { return app.tray.trayIcon().toolTip(); };
         const auto badge = [&] {
             return QColor(app.tray.trayIcon().icon().pixmap(side).toImage().pixel(badgeCentre));
         };
+        QCOMPARE(toolTip(), "Skeldrin — nothing needs you");
+        app.put("s", Phase::running);
+        QCOMPARE(toolTip(), "Skeldrin — Running");
         app.put("s", Phase::idle, {}, 2);
+        QCOMPARE(toolTip(), "Skeldrin — Needs several approvals");
         QCOMPARE(badge(), QColor(0xFF, 0x45, 0x3A));
         Palette::setColor(Status::multiStepWaiting, QColor(0x11, 0x22, 0x33), app.settings);
         QCOMPARE(badge(), QColor(0x11, 0x22, 0x33));
-        Palette::reset(app.settings);
-        QCOMPARE(badge(), QColor(0xFF, 0x45, 0x3A));
     }
 };
 

@@ -1,13 +1,14 @@
 #!/bin/bash
-# The widget in a real X server with a real window manager: on every workspace, above, out of the
+# The app's widget in a real X server with a real window manager: on every workspace, above, out of the
 # taskbar, never taking focus; pointing shows the bar; a drag snaps to an edge and is saved; the bar's
 # green light compacts it.
-# Usage: widget_window_test.sh <widget_harness> <skeldrin-hook> <screenshot folder>
+# Usage: widget_window_test.sh BIN_DIR SCREENSHOT_DIR
 set -u
-harness=$1 hook=$2 shots=$3
+bin=$1 shots=$2
 . "$(dirname "$0")/../../support/x11-session.sh"
 x11_session 1440x900 "$shots/failure.png" xterm
-fail_log=$tmp/harness.log
+fail_log=$tmp/app.log
+settings=$XDG_CONFIG_HOME/Skeldrin/Skeldrin.conf
 bar_shown() { xdotool search --onlyvisible --name '^Skeldrin details$'; }
 geometry() { eval "$(xdotool getwindowgeometry --shell "$1")"; }
 # Points at the first row (10 outer + 8 inner padding, then into the row), moving within it so the widget
@@ -18,6 +19,12 @@ point_at_row() {
     bar_shown
 }
 keeps_focus() { [ "$(xdotool getwindowfocus)" = "$term" ] || fail "$1 took the focus from the terminal"; }
+# One running session with a prompt, one waiting for an approval, one done.
+event() { printf '{"hook_event_name":"%s","session_id":"%s","cwd":"/work/%s"%s}' "$1" "$2" "$2" "${3:-}" | "$bin/skeldrin-hook"; }
+event UserPromptSubmit render-fix ',"prompt":"Fix the flaky render test in the widget"'
+event PermissionRequest api-docs ',"tool_name":"Bash"'
+event UserPromptSubmit release-notes ',"prompt":"Draft the release notes"'
+event Stop release-notes
 
 xterm -title focus-keeper &
 pids+=($!)
@@ -25,7 +32,7 @@ until_ok xdotool search --name '^focus-keeper$' || fail "xterm did not map"
 term=$(xdotool search --name '^focus-keeper$' | head -1)
 xdotool windowactivate --sync "$term"
 
-QT_QPA_PLATFORM=xcb "$harness" "$hook" "$tmp/settings.ini" >"$tmp/harness.log" 2>&1 &
+"$bin/skeldrin" >"$fail_log" 2>&1 &
 pids+=($!)
 until_ok xdotool search --onlyvisible --name '^Skeldrin$' || fail "the widget did not show"
 widget=$(xdotool search --onlyvisible --name '^Skeldrin$' | head -1)
@@ -43,8 +50,7 @@ keeps_focus "the widget"
 import -window root "$shots/widget.png"
 
 until_ok point_at_row || fail "pointing at a row did not show the bar"
-bar=$(bar_shown | head -1)
-until_ok painted "$bar" || fail "the bar was not painted"
+until_ok painted "$(bar_shown | head -1)" || fail "the bar was not painted"
 import -window root "$shots/widget-bar.png"
 keeps_focus "the bar"
 
@@ -53,8 +59,7 @@ geometry "$widget"
 xdotool mousemove --sync $((X + 150)) $((Y + 30)) mousedown 1
 for x in 1200 900 600 300 $((30 + 150)); do xdotool mousemove --sync "$x" $((Y + 30)); done
 xdotool mouseup 1
-until_ok grep -q 'widget.placement=.*\\"x\\":\\"min\\"' "$tmp/settings.ini" ||
-    fail "the drag was not saved: $(cat "$tmp/settings.ini")"
+until_ok grep -q 'widget.placement=.*\\"x\\":\\"min\\"' "$settings" || fail "the drag was not saved: $(cat "$settings")"
 snapped() { geometry "$widget"; [ "$X" -le 20 ]; }
 until_ok snapped || fail "the widget did not snap to the left edge"
 xdotool mousemove --sync 700 450
@@ -66,7 +71,7 @@ import -window root "$shots/widget-left.png"
 until_ok point_at_row || fail "pointing at a row did not show the bar again"
 geometry "$(bar_shown | head -1)"
 xdotool mousemove --sync $((X + 37)) $((Y + 17)) click 1
-until_ok grep -q 'widget.compact=true' "$tmp/settings.ini" || fail "the green light did not compact the widget"
+until_ok grep -q 'widget.compact=true' "$settings" || fail "the green light did not compact the widget"
 compacted() { geometry "$widget"; [ "$WIDTH" -eq $((260 + 2 * 4 + 2 * 4)) ] && [ "$X" -le 20 ]; }
 until_ok compacted || fail "the widget did not shrink in place: $(xdotool getwindowgeometry "$widget")"
 until_ok painted "$widget"
