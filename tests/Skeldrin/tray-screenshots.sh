@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# Runs the app under Xvfb with an XEmbed tray (trayer) and a window manager, on sessions recorded through
-# the real hook, and saves screenshots of the tray icon with its badge beside the widget, the open menu and
-# the settings window. The menu's key equivalents are pressed for real: Ctrl+, opens the settings, Ctrl+Q
-# quits. Usage: tray-screenshots.sh BIN_DIR OUT_DIR
+# The app under Xvfb with an XEmbed tray (trayer) and a window manager, on sessions recorded through the
+# real hook: screenshots of the tray icon beside the widget, the open menu and the settings window; the
+# menu's Ctrl+, opens the settings and Ctrl+Q quits. Usage: tray-screenshots.sh BIN_DIR OUT_DIR
 set -euo pipefail
 bin=$1 out=$2
 . "$(dirname "$0")/../support/x11-session.sh"
@@ -13,7 +12,6 @@ shown() { [ "$(xdotool search --onlyvisible --name '^Skeldrin$' 2>/dev/null | wc
 
 event() { printf '%s' "$1" | TERM_PROGRAM="$2" CLAUDE_PROJECT_DIR="$3" "$bin/skeldrin-hook"; }
 event '{"hook_event_name":"UserPromptSubmit","session_id":"demo-parser","cwd":"/src/parser","prompt":"Stream the input instead of reading it whole"}' iTerm.app /src/parser
-event '{"hook_event_name":"UserPromptSubmit","session_id":"demo-docs","cwd":"/src/site","prompt":"Fix the broken links in the docs"}' Apple_Terminal /src/site
 event '{"hook_event_name":"PermissionRequest","session_id":"demo-docs","cwd":"/src/site","tool_name":"Bash"}' Apple_Terminal /src/site
 event '{"hook_event_name":"UserPromptSubmit","session_id":"demo-release","cwd":"/src/app","prompt":"Write the release notes"}' ghostty /src/app
 event '{"hook_event_name":"Stop","session_id":"demo-release","cwd":"/src/app"}' ghostty /src/app
