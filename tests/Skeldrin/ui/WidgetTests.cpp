@@ -1,6 +1,5 @@
 #include "../AppFixture.h"
 #include "Skeldrin/model/Palette.h"
-#include "Skeldrin/model/Placement.h"
 #include "Skeldrin/ui/HoverBar.h"
 #include "Skeldrin/ui/StatusDot.h"
 #include "Skeldrin/ui/WidgetPanel.h"
@@ -156,12 +155,6 @@ class WidgetTests : public QObject {
         for (const auto& row : v.rows()) {
             QCOMPARE(image.pixelColor(row.dot.toPoint()).rgb(),
                      Palette::color(row.entry.shade, w.settings).rgb());
-            // Text is drawn to the right of the dot.
-            bool text = false;
-            for (int x = int(row.dot.x()) + 10; x < int(row.frame.right()) && !text; ++x)
-                for (int y = int(row.frame.top()); y < int(row.frame.bottom()) && !text; ++y)
-                    text = image.pixelColor(x, y).lightness() > 200;
-            QVERIFY(text);
         }
         // The second session is set apart by a dash under the dots; the rest of the gap stays clear.
         const QPoint onDash = v.rows().back().spacer.topLeft().toPoint() + QPoint(2, 0);
@@ -208,20 +201,16 @@ class WidgetTests : public QObject {
         QVERIFY(w.jumper.jumped.empty());
     }
 
-    void noticeAndMenuSayWhatTheyDo()
+    void noticeOffersToConnectAndTheCardMenuCompacts()
     {
         Widget w;
         w.makePanel();
-        // No sessions and no hooks: the card offers to connect.
-        QCOMPARE(w.view().noticeTitle(), QStringLiteral("Connect Claude Code"));
-        bool extended = false;
-        w.panel->setCardMenuExtension([&](QMenu& menu) {
-            extended = true;
-            QCOMPARE(menu.actions().size(), 4); // Compact, Settings…, divider, Quit
-        });
+        QCOMPARE(w.view().noticeTitle(), "Connect Claude Code"); // no sessions and no hooks
+        int extended = 0;
+        w.panel->setCardMenuExtension([&](QMenu& menu) { extended = int(menu.actions().size()); });
         QMenu menu;
         w.view().fillCardMenu(menu);
-        QVERIFY(extended);
+        QCOMPARE(extended, 4); // after Compact, Settings…, a divider and Quit
         menu.actions().front()->trigger();
         QVERIFY(w.setting("widget.compact"));
     }
