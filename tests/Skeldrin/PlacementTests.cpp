@@ -104,15 +104,6 @@ class PlacementTests : public QObject {
                                  R"({"x":"left","y":"center","point":[1432,450]})", "{x"})
             QVERIFY2(!Placement::fromJson(json, screens), json);
     }
-
-    void convertsToQtCoordinates()
-    {
-        // A widget at the top-left of a 900-high primary screen sits at Qt's y = 0.
-        const QRectF qt = toQt({8, 692, 300, 200}, 900);
-        QCOMPARE(qt, QRectF(8, 8, 300, 200));
-        QCOMPARE(fromQt(qt, 900), (YUpRect{8, 692, 300, 200}));
-        QCOMPARE(flipPoint(QPointF(10, 100), 900), QPointF(10, 800));
-    }
 };
 
 QTEST_GUILESS_MAIN(PlacementTests)
