@@ -19,12 +19,8 @@ class Watcher : public QObject {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.kde.StatusNotifierWatcher")
     Q_PROPERTY(bool IsStatusNotifierHostRegistered READ hostRegistered)
-    Q_PROPERTY(int ProtocolVersion READ protocolVersion)
-    Q_PROPERTY(QStringList RegisteredStatusNotifierItems READ items)
   public:
     bool hostRegistered() const { return true; }
-    int protocolVersion() const { return 0; }
-    QStringList items() const { return registered; }
     QStringList registered;
 
   public Q_SLOTS:
@@ -38,7 +34,6 @@ class Watcher : public QObject {
 
   Q_SIGNALS:
     void StatusNotifierItemRegistered(const QString& service);
-    void StatusNotifierHostRegistered();
 };
 
 // A D-Bus value as plain Qt values: structures and arrays as lists, dictionaries as maps.
