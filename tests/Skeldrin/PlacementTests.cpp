@@ -71,11 +71,6 @@ class PlacementTests : public QObject {
              {1032, 454, 400, 40}},
             // Bottom-left: bar above, left-aligned.
             {{Anchor::Min, Anchor::Min, {8, 8}}, {300, 200}, {8, 8, 300, 200}, {8, 214, 400, 40}},
-            // Top, centred: bar centred below.
-            {{Anchor::Center, Anchor::Max, {700, 892}},
-             {300, 200},
-             {550, 692, 300, 200},
-             {500, 646, 400, 40}},
             // Exactly centred at an odd height: on whole pixels it must not drop below the middle and flip
             // the bar above.
             {{Anchor::Max, Anchor::Center, {1432, 450}},
