@@ -36,32 +36,18 @@ class Watcher : public QObject {
     void StatusNotifierItemRegistered(const QString& service);
 };
 
-// A D-Bus value as plain Qt values: structures and arrays as lists, dictionaries as maps.
-QVariant plain(const QVariant& value)
+// A menu item as dbusmenu lays it out: id, properties, children.
+struct MenuItem {
+    int id = 0;
+    QVariantMap properties;
+    QVariantList children;
+};
+const QDBusArgument& operator>>(const QDBusArgument& argument, MenuItem& item)
 {
-    if (value.userType() == qMetaTypeId<QDBusVariant>()) return plain(value.value<QDBusVariant>().variant());
-    if (value.userType() != qMetaTypeId<QDBusArgument>()) return value;
-    const auto argument = value.value<QDBusArgument>();
-    const auto type = argument.currentType();
-    QVariantList list;
-    QVariantMap map;
-    if (type == QDBusArgument::StructureType) argument.beginStructure();
-    if (type == QDBusArgument::ArrayType) argument.beginArray();
-    if (type == QDBusArgument::MapType) argument.beginMap();
-    while (!argument.atEnd()) {
-        if (type != QDBusArgument::MapType) {
-            list << plain(argument.asVariant());
-            continue;
-        }
-        argument.beginMapEntry();
-        const QString key = plain(argument.asVariant()).toString();
-        map[key] = plain(argument.asVariant());
-        argument.endMapEntry();
-    }
-    if (type == QDBusArgument::StructureType) argument.endStructure();
-    if (type == QDBusArgument::ArrayType) argument.endArray();
-    if (type == QDBusArgument::MapType) argument.endMap();
-    return type == QDBusArgument::MapType ? QVariant(map) : QVariant(list);
+    argument.beginStructure();
+    argument >> item.id >> item.properties >> item.children;
+    argument.endStructure();
+    return argument;
 }
 
 } // namespace
@@ -109,28 +95,26 @@ class TrayProtocolTests : public QObject {
         QTRY_VERIFY_WITH_TIMEOUT(!watcher.registered.isEmpty(), 30000);
 
         const QString service = watcher.registered.value(0).section('/', 0, 0);
-        const auto property = [&](const char* name) {
-            QDBusMessage get = QDBusMessage::createMethodCall(service, "/StatusNotifierItem",
-                                                              "org.freedesktop.DBus.Properties", "Get");
-            get << "org.kde.StatusNotifierItem" << QString::fromLatin1(name);
-            return plain(panel.call(get).arguments().value(0));
-        };
-        QDBusInterface menu(service, property("Menu").value<QDBusObjectPath>().path(),
+        QDBusInterface trayItem(service, "/StatusNotifierItem", "org.kde.StatusNotifierItem", panel);
+        QDBusInterface menu(service, trayItem.property("Menu").value<QDBusObjectPath>().path(),
                             "com.canonical.dbusmenu", panel);
         menu.call("AboutToShow", 0);
         const QDBusMessage layout = menu.call("GetLayout", 0, -1, QStringList());
         QCOMPARE(layout.type(), QDBusMessage::ReplyMessage);
 
-        // Each item: id, properties, children.
+        MenuItem root;
+        layout.arguments().value(1).value<QDBusArgument>() >> root;
         QStringList labels;
         int showWidget = -1;
-        for (const QVariant& item : plain(layout.arguments().value(1)).toList().value(2).toList()) {
-            const QVariantMap properties = item.toList().value(1).toMap();
+        for (const QVariant& child : root.children) {
+            MenuItem item;
+            child.value<QDBusArgument>() >> item;
+            const QVariantMap& properties = item.properties;
             labels << (properties.value("type") == "separator"
                            ? "---"
                            : properties.value("label").toString().remove('&'));
             if (labels.last() != "Show Widget") continue;
-            showWidget = item.toList().value(0).toInt();
+            showWidget = item.id;
             QCOMPARE(properties.value("toggle-state").toInt(), 1);
         }
         QCOMPARE(labels.join('|'),
