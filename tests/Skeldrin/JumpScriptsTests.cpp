@@ -17,32 +17,19 @@ class JumpScriptsTests : public QObject {
         QVERIFY(terminal.find("if tty of t is \"/dev/ttys003\" then\n") != std::string::npos);
     }
 
-    void ttyCheck_data()
+    void onlyTerminalDevicesAreAccepted()
     {
-        QTest::addColumn<QString>("tty");
-        QTest::addColumn<bool>("valid");
-        QTest::newRow("mac pty") << "/dev/ttys003" << true;
-        QTest::newRow("console") << "/dev/tty1" << true;
-        QTest::newRow("letters a to z") << "/dev/ttyaz" << true;
-        QTest::newRow("quote") << "/dev/ttys0\"03" << false;
-        QTest::newRow("space") << "/dev/ttys 03" << false;
-        QTest::newRow("linux pts") << "/dev/pts/3" << false;
-        QTest::newRow("bare prefix") << "/dev/tty" << false;
-        QTest::newRow("upper case") << "/dev/ttyS0" << false;
-        QTest::newRow("trailing newline") << "/dev/ttys003\n" << false;
-    }
-    void ttyCheck()
-    {
-        QFETCH(QString, tty);
-        QFETCH(bool, valid);
-        const std::string text = tty.toStdString();
-        try {
-            QCOMPARE(skeldrin::checkedTTY(text), text);
-            QVERIFY(valid);
-        } catch (const JumpError& error) {
-            QVERIFY(!valid);
-            QCOMPARE(error.kind(), JumpError::Kind::invalidTTY);
-            QCOMPARE(std::string(error.what()), "Unexpected terminal device: " + text);
+        for (const std::string tty : {"/dev/ttys003", "/dev/tty1", "/dev/ttyaz"})
+            QCOMPARE(skeldrin::checkedTTY(tty), tty);
+        for (const std::string tty :
+             {"/dev/ttys0\"03", "/dev/pts/3", "/dev/tty", "/dev/ttyS0", "/dev/ttys003\n"}) {
+            try {
+                skeldrin::checkedTTY(tty);
+                QFAIL(tty.c_str());
+            } catch (const JumpError& error) {
+                QCOMPARE(error.kind(), JumpError::Kind::invalidTTY);
+                QCOMPARE(std::string(error.what()), "Unexpected terminal device: " + tty);
+            }
         }
     }
 

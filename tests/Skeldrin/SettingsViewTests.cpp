@@ -5,8 +5,8 @@
 #include "Skeldrin/ui/SettingsView.h"
 #include "tests/support/TestFiles.h"
 
-#include <QColorDialog>
 #include <QApplication>
+#include <QColorDialog>
 #include <QLabel>
 #include <QMessageBox>
 #include <QPushButton>
@@ -41,59 +41,31 @@ class SettingsViewTests : public QObject {
         QStandardPaths::setTestModeEnabled(false);
     }
 
-    void colorPanelPlacement_data()
+    void colorPanelSitsBesideTheWindowOnScreen()
     {
-        QTest::addColumn<QRectF>("window");
-        QTest::addColumn<QPointF>("origin");
         // A 1440 × 900 screen whose visible part starts under a 25 point bar; the panel is 220 × 300.
-        QTest::newRow("room on the right") << QRectF(400, 200, 300, 400) << QPointF(712, 200);
-        QTest::newRow("near the right edge: on the left") << QRectF(1100, 200, 300, 400) << QPointF(868, 200);
-        QTest::newRow("exactly fits on the right") << QRectF(908, 200, 300, 400) << QPointF(1220, 200);
-        QTest::newRow("near the bottom: pushed up") << QRectF(400, 700, 300, 150) << QPointF(712, 600);
-        QTest::newRow("above the visible top: pushed down") << QRectF(400, 0, 300, 150) << QPointF(712, 25);
-        QTest::newRow("no room on either side: at the left edge")
-            << QRectF(100, 200, 1250, 400) << QPointF(0, 200);
-    }
-    void colorPanelPlacement()
-    {
-        QFETCH(QRectF, window);
-        QFETCH(QPointF, origin);
-        QCOMPARE(colorPanelOrigin(window, QSizeF(220, 300), QRectF(0, 25, 1440, 875)), origin);
+        const std::pair<QRectF, QPointF> cases[] = {
+            {{908, 200, 300, 400}, {1220, 200}}, // exactly fits on the right
+            {{1100, 200, 300, 400}, {868, 200}}, // else on the left
+            {{400, 700, 300, 150}, {712, 600}},  // pushed up from the bottom
+        };
+        for (const auto& [window, origin] : cases)
+            QCOMPARE(colorPanelOrigin(window, QSizeF(220, 300), QRectF(0, 25, 1440, 875)), origin);
     }
 
-    void claudeCodeSwitchEditsTheSettingsFile()
-    {
-        AppFixture app;
-        std::filesystem::create_directories(app.claudeSettings.parent_path());
-        writeText(app.claudeSettings, R"({"model": "opus"})");
-        SettingsView view(*app.model, app.settings);
-        Switch& connected = child(view, "claudeCode");
-        QVERIFY(!connected.isChecked());
-        connected.click();
-        QVERIFY(connected.isChecked());
-        QCOMPARE(app.model->hookState(), HookInstaller::State::installed);
-        const std::string installed = readText(app.claudeSettings);
-        QVERIFY(installed.find("skeldrin-hook") != std::string::npos);
-        QVERIFY(installed.find("\"opus\"") != std::string::npos); // the user's own settings stay
-        connected.click();
-        QVERIFY(!connected.isChecked());
-        QVERIFY(readText(app.claudeSettings).find("skeldrin-hook") == std::string::npos);
-    }
-
-    // A failure to read or write Claude Code's settings reaches the user in the app's real alert, the
-    // switch snaps back, and the user's file stays as it was.
-    void claudeSettingsFailureIsShown_data()
+    // On, the switch writes the hook beside the user's own settings; off, it takes it out. When the file
+    // cannot be read or written, the app's real alert says why, the switch snaps back and the file stays.
+    void claudeCodeSwitchEditsTheSettingsFileOrSaysWhyNot_data()
     {
         QTest::addColumn<QByteArray>("content");
         QTest::addColumn<QByteArray>("fail"); // a system call that fails while writing
-        QTest::addColumn<QString>("reason");
+        QTest::addColumn<QString>("reason");  // in the alert; empty: it worked
+        QTest::newRow("works") << QByteArray(R"({"model": "opus"})") << QByteArray() << "";
         QTest::newRow("unreadable") << QByteArray("{ not json") << QByteArray() << "valid JSON";
         QTest::newRow("disk full") << QByteArray(R"({"model": "opus"})") << QByteArray("write:28")
                                    << "No space left on device";
-        QTest::newRow("I/O error on rename")
-            << QByteArray(R"({"model": "opus"})") << QByteArray("rename:5") << "Input/output error";
     }
-    void claudeSettingsFailureIsShown()
+    void claudeCodeSwitchEditsTheSettingsFileOrSaysWhyNot()
     {
         QFETCH(QByteArray, content);
         QFETCH(QByteArray, fail);
@@ -103,6 +75,7 @@ class SettingsViewTests : public QObject {
         std::filesystem::create_directories(app.claudeSettings.parent_path());
         writeText(app.claudeSettings, content.toStdString());
         SettingsView view(*app.model, app.settings);
+        Switch& connected = child(view, "claudeCode");
 
         QStringList shown; // read off the message box, which is then dismissed
         QTimer dismiss;
@@ -113,19 +86,31 @@ class SettingsViewTests : public QObject {
             }
         });
         dismiss.start(10);
+        QVERIFY(!connected.isChecked());
         skeldrin_fail(fail.isEmpty() ? nullptr : fail.constData());
-        child(view, "claudeCode").click();
+        connected.click();
         skeldrin_fail(nullptr);
-
-        QVERIFY(!child(view, "claudeCode").isChecked());
-        QCOMPARE(shown.size(), 1);
-        QVERIFY2(shown.front().startsWith(QStringLiteral("Couldn't update Claude Code settings | ")),
-                 qPrintable(shown.front()));
-        QVERIFY2(shown.front().contains(reason), qPrintable(shown.front()));
-        QCOMPARE(QByteArray::fromStdString(readText(app.claudeSettings)), content);
+        if (!reason.isEmpty()) {
+            QVERIFY(!connected.isChecked());
+            QCOMPARE(shown.size(), 1);
+            QVERIFY2(shown.front().startsWith(QStringLiteral("Couldn't update Claude Code settings | ")) &&
+                         shown.front().contains(reason),
+                     qPrintable(shown.front()));
+            QCOMPARE(QByteArray::fromStdString(readText(app.claudeSettings)), content);
+            return;
+        }
+        QVERIFY(connected.isChecked());
+        QCOMPARE(app.model->hookState(), HookInstaller::State::installed);
+        const std::string installed = readText(app.claudeSettings);
+        QVERIFY(installed.find("skeldrin-hook") != std::string::npos);
+        QVERIFY(installed.find("\"opus\"") != std::string::npos);
+        connected.click();
+        QVERIFY(!connected.isChecked());
+        QVERIFY(readText(app.claudeSettings).find("skeldrin-hook") == std::string::npos);
+        QVERIFY(shown.isEmpty());
     }
 
-        void switchesWriteAndFollowTheirKeys()
+    void switchesWriteAndFollowTheirKeys()
     {
         AppFixture app;
         SettingsView view(*app.model, app.settings);
@@ -155,9 +140,7 @@ class SettingsViewTests : public QObject {
         SettingsView view(*app.model, app.settings);
         child<QPushButton>(view, "color.waiting").click();
         QColorDialog* panel = view.colorPanel();
-        QVERIFY(panel);
-        QVERIFY(!panel->isModal());
-        QVERIFY(!panel->testOption(QColorDialog::ShowAlphaChannel));
+        QVERIFY(panel && !panel->isModal() && !panel->testOption(QColorDialog::ShowAlphaChannel));
         QCOMPARE(panel->currentColor(), QColor(0xFF, 0xD6, 0x0A));
         panel->setCurrentColor(QColor(0x12, 0x34, 0x56));
         QCOMPARE(app.settings.value(QStringLiteral("color.waiting")).toString(), QStringLiteral("#123456"));
@@ -166,26 +149,16 @@ class SettingsViewTests : public QObject {
         QCOMPARE(view.colorPanel(), panel); // one panel, reused
         panel->setCurrentColor(QColor(0x65, 0x43, 0x21));
         QCOMPARE(app.settings.value(QStringLiteral("color.ready")).toString(), QStringLiteral("#654321"));
-        QVERIFY(!app.settings.contains(QStringLiteral("color.running")));
 
         child<QPushButton>(view, "reset").click();
         for (Status s : allStatuses)
             QVERIFY(!app.settings.contains(Palette::key(s)));
     }
 
-    void openAtLoginWritesTheAutostartEntry_data()
+    void openAtLoginWritesTheAutostartEntryOrSaysWhyNot()
     {
-        QTest::addColumn<bool>("blocked"); // a file where the autostart folder goes
-        QTest::newRow("writable") << false;
-        QTest::newRow("a file in the way") << true;
-    }
-    void openAtLoginWritesTheAutostartEntry()
-    {
-        QFETCH(bool, blocked);
         const QString autostart = config.filePath(QStringLiteral("autostart"));
-        const QString entry = autostart + QStringLiteral("/skeldrin.desktop");
-        QDir(autostart).removeRecursively();
-        if (blocked) writeText(autostart.toStdString(), "not a folder");
+        writeText(autostart.toStdString(), "not a folder"); // a file where the folder goes
         AppFixture app;
         SettingsView view(*app.model, app.settings);
         Switch& login = child(view, "openAtLogin");
@@ -193,20 +166,19 @@ class SettingsViewTests : public QObject {
         QVERIFY(!login.isChecked());
         QVERIFY(error.isHidden());
         login.click();
-        if (blocked) {
-            QFile::remove(autostart);
-            QVERIFY(!login.isChecked()); // snapped back to what is really there
-            QVERIFY(!error.isHidden());
-            QVERIFY(error.text().startsWith(QStringLiteral("Couldn't ")));
-            QVERIFY(error.text().contains(autostart));
-            return;
-        }
+        QVERIFY(!login.isChecked()); // snapped back to what is really there
+        QVERIFY(!error.isHidden());
+        QVERIFY2(error.text().startsWith(QStringLiteral("Couldn't ")) && error.text().contains(autostart),
+                 qPrintable(error.text()));
+
+        QFile::remove(autostart);
+        login.click();
         QVERIFY(login.isChecked());
         QVERIFY(LoginItem::isEnabled());
+        const QString entry = autostart + QStringLiteral("/skeldrin.desktop");
         const QString text = QString::fromStdString(readText(entry.toStdString()));
         QVERIFY(text.startsWith(QStringLiteral("[Desktop Entry]\n")));
-        QVERIFY(text.contains(QStringLiteral("Exec=\"") + QCoreApplication::applicationFilePath() +
-                              QLatin1Char('"')));
+        QVERIFY(text.contains(QStringLiteral("Exec=\"") + QCoreApplication::applicationFilePath() + '"'));
         login.click();
         QVERIFY(!login.isChecked());
         QVERIFY(!QFile::exists(entry));

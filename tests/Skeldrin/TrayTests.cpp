@@ -63,34 +63,25 @@ struct Tray : AppFixture {
 class TrayTests : public QObject {
     Q_OBJECT
   private Q_SLOTS:
-    void menuWithoutSessions_data()
+    void menuWithoutSessionsOffersTheUpdate()
     {
-        QTest::addColumn<bool>("required");
-        QTest::addColumn<bool>("downloading");
-        QTest::addColumn<bool>("awaiting");
-        QTest::addColumn<QString>("first");
-        QTest::newRow("up to date") << false << false << false << QString();
-        QTest::newRow("update pending") << true << false << false << QStringLiteral("Update to 1.4.2…|");
-        QTest::newRow("downloading") << true << true << false << QStringLiteral("Update to 1.4.2…|");
-        QTest::newRow("awaiting install")
-            << true << false << true << QStringLiteral("Drag Skeldrin to Applications…|");
-    }
-    void menuWithoutSessions()
-    {
-        QFETCH(bool, required);
-        QFETCH(bool, downloading);
-        QFETCH(bool, awaiting);
-        QFETCH(QString, first);
-        AppFixture app;
-        std::optional<UpdateManifest> manifest;
-        if (required)
-            manifest = UpdateManifest{QStringLiteral("1.4.2"), QUrl(QStringLiteral("https://x/S.dmg")), {}};
-        app.updates.set(manifest, downloading, awaiting);
-        const auto items = trayMenuItems(*app.model, app.updates, app.settings);
-        QCOMPARE(menu(items).join(QLatin1Char('|')),
-                 first + "No Claude Code sessions disabled|---|Show Widget checked|Compact "
-                         "Widget|---|Settings…|Quit Skeldrin");
-        if (required) QCOMPARE(items.front().action, Action::installUpdate);
+        const struct {
+            bool required, awaiting;
+            QString first;
+        } cases[] = {{false, false, ""},
+                     {true, false, "Update to 1.4.2…|"},
+                     {true, true, "Drag Skeldrin to Applications…|"}};
+        for (const auto& c : cases) {
+            AppFixture app;
+            std::optional<UpdateManifest> manifest;
+            if (c.required) manifest = UpdateManifest{"1.4.2", QUrl("https://x/S.dmg"), {}};
+            app.updates.set(manifest, false, c.awaiting);
+            const auto items = trayMenuItems(*app.model, app.updates, app.settings);
+            QCOMPARE(menu(items).join('|'), c.first +
+                                                "No Claude Code sessions disabled|---|Show Widget checked|"
+                                                "Compact Widget|---|Settings…|Quit Skeldrin");
+            QCOMPARE(items.front().action == Action::installUpdate, c.required);
+        }
     }
 
     void sessionRows()
@@ -123,15 +114,13 @@ class TrayTests : public QObject {
         app.put("one");
         app.widget.refreshVisibility();
         QVERIFY(app.widget.isShown());
-        QVERIFY(app.item(QStringLiteral("Show Widget")).checked);     // default on
-        QVERIFY(!app.item(QStringLiteral("Compact Widget")).checked); // default off
-        app.tray.perform(app.item(QStringLiteral("Show Widget")));
-        app.tray.perform(app.item(QStringLiteral("Compact Widget")));
+        QVERIFY(app.item("Show Widget").checked && !app.item("Compact Widget").checked);
+        app.tray.perform(app.item("Show Widget"));
+        app.tray.perform(app.item("Compact Widget"));
         QVERIFY(!app.setting("widget.visible"));
         QVERIFY(app.setting("widget.compact"));
         QVERIFY(!app.widget.isShown()); // hidden at once, not at the next cycle
-        QVERIFY(!app.item(QStringLiteral("Show Widget")).checked);
-        app.tray.perform(app.item(QStringLiteral("Show Widget")));
+        app.tray.perform(app.item("Show Widget"));
         QVERIFY(app.setting("widget.visible"));
         QVERIFY(app.widget.isShown());
     }
@@ -149,7 +138,6 @@ class TrayTests : public QObject {
         QMenu* menu = app.tray.trayIcon().contextMenu();
         Q_EMIT menu->aboutToShow();
         const auto actions = menu->actions();
-        QCOMPARE(actions.size(), 7);
         QCOMPARE(actions[0]->text(), QStringLiteral("one  ·  Terminal"));
         QCOMPARE(actions[0]->toolTip(), QStringLiteral("Say hello"));
         QVERIFY(!actions[0]->icon().isNull());
@@ -165,59 +153,33 @@ class TrayTests : public QObject {
         QCOMPARE(app.quits, 1);
         card.actions()[card.actions().size() - 2]->trigger();
         QCOMPARE(app.settingsOpened, 1);
-        // The key equivalents work while either menu is open; the letter alone is not one.
-        QTest::keyClick(menu, Qt::Key_Comma, Qt::ControlModifier);
+        // The key equivalents work in the card menu too; the letter alone is not one.
         QTest::keyClick(&card, Qt::Key_Q, Qt::ControlModifier);
-        QTest::keyClick(menu, Qt::Key_Q);
-        QCOMPARE(app.settingsOpened, 2);
+        QTest::keyClick(&card, Qt::Key_Q);
         QCOMPARE(app.quits, 2);
     }
 
-    void iconCarriesNotchAndBadge()
+    void iconToolTipAndBadgeFollowTheModelAndTheColours()
     {
-        const QColor colour(0x11, 0x22, 0x33);
+        // The badge sits in a notch punched out of the artwork.
         const QImage plain = MenuBarIcon::image(MenuBarIcon::artwork(), Qt::white, std::nullopt, side);
-        const QImage badged = MenuBarIcon::image(MenuBarIcon::artwork(), Qt::white, colour, side);
-        QCOMPARE(plain.size(), QSize(side, side));
-        QVERIFY(qAlpha(plain.pixel(notchRing)) > 200);                 // the artwork's edge runs there
-        QCOMPARE(qAlpha(badged.pixel(notchRing)), 0);                  // punched out
-        QCOMPARE(QColor(plain.pixel(badgeCentre)), QColor(Qt::white)); // the glyph, no badge
-        QCOMPARE(QColor(badged.pixel(badgeCentre)), colour);
-    }
-
-    void toolTipNamesTheMostUrgentStatus_data()
-    {
-        QTest::addColumn<int>("approvals"); // no session when negative
-        QTest::addColumn<bool>("running");
-        QTest::addColumn<QString>("text");
-        QTest::newRow("no sessions") << -1 << false << QStringLiteral("Skeldrin — nothing needs you");
-        QTest::newRow("running") << 0 << true << QStringLiteral("Skeldrin — Running");
-        QTest::newRow("ready") << 0 << false << QStringLiteral("Skeldrin — Ready");
-        QTest::newRow("waiting") << 1 << false << QStringLiteral("Skeldrin — Needs approval");
-        QTest::newRow("several") << 2 << false << QStringLiteral("Skeldrin — Needs several approvals");
-    }
-    void toolTipNamesTheMostUrgentStatus()
-    {
-        QFETCH(int, approvals);
-        QFETCH(bool, running);
-        QFETCH(QString, text);
+        QVERIFY(qAlpha(plain.pixel(notchRing)) > 200); // the artwork's edge runs there
+        QCOMPARE(QColor(plain.pixel(badgeCentre)), QColor(Qt::white));
+        QCOMPARE(
+            qAlpha(MenuBarIcon::image(MenuBarIcon::artwork(), Qt::white, Qt::red, side).pixel(notchRing)), 0);
         Tray app;
-        if (approvals >= 0) app.put("s", running ? Phase::running : Phase::idle, {}, approvals);
-        QCOMPARE(app.tray.trayIcon().toolTip(), text);
-    }
-
-    void badgeFollowsTheModelAndTheColours()
-    {
-        Tray app;
+        const auto toolTip = [&] { return app.tray.trayIcon().toolTip(); };
         const auto badge = [&] {
             return QColor(app.tray.trayIcon().icon().pixmap(side).toImage().pixel(badgeCentre));
         };
+        QCOMPARE(toolTip(), "Skeldrin — nothing needs you");
+        app.put("s", Phase::running);
+        QCOMPARE(toolTip(), "Skeldrin — Running");
         app.put("s", Phase::idle, {}, 2);
+        QCOMPARE(toolTip(), "Skeldrin — Needs several approvals");
         QCOMPARE(badge(), QColor(0xFF, 0x45, 0x3A));
         Palette::setColor(Status::multiStepWaiting, QColor(0x11, 0x22, 0x33), app.settings);
         QCOMPARE(badge(), QColor(0x11, 0x22, 0x33));
-        Palette::reset(app.settings);
-        QCOMPARE(badge(), QColor(0xFF, 0x45, 0x3A));
     }
 };
 

@@ -12,8 +12,9 @@ fail() {
     exit 1
 }
 # A window whose content is painted, not one flat colour; with a geometry, only that part of it.
+# An empty id would make import wait for a click.
 painted() {
-    import -window "$1" png:- | convert - ${2:+-crop "$2" +repage} -format '%[fx:standard_deviation > 0.01]' info: |
+    [ -n "$1" ] && import -window "$1" png:- | convert - ${2:+-crop "$2" +repage} -format '%[fx:standard_deviation > 0.01]' info: |
         grep -qx 1
 }
 
