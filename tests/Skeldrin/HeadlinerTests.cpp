@@ -14,15 +14,9 @@ using skeldrin::test::writeScript;
 
 namespace {
 
-QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
-}
-
 bool processIsGone(const QString& pidFile)
 {
-    const pid_t pid = readFile(pidFile).trimmed().toInt();
+    const pid_t pid = test::readBytes(pidFile).trimmed().toInt();
     return pid > 0 && ::kill(pid, 0) == -1 && errno == ESRCH;
 }
 
@@ -121,17 +115,18 @@ printf '{"type":"result","is_error":false,"result":"**Fix the login flow.**\\nMo
                 .replace("SEEN", seen));
         QCOMPARE(writeToEnd(), "headline: Fix the login flow");
 
-        const QByteArray arguments = readFile(seen + ".args");
+        const QByteArray arguments = test::readBytes(seen + ".args");
         QVERIFY2(
             arguments.startsWith("-p|Project folder: skeldrin\nCurrent title: Fix login\nLatest prompt: make "
                                  "the login work again|--safe-mode|--model|haiku|--max-turns|1|--tools||"
                                  "--no-session-persistence|--output-format|json|--system-prompt|You name "
                                  "coding sessions for a tiny status widget."),
             arguments.constData());
-        QCOMPARE(readFile(seen + ".cwd").trimmed(), QFileInfo(QDir::tempPath()).canonicalFilePath().toUtf8());
-        QCOMPARE(readFile(seen + ".path"),
+        QCOMPARE(test::readBytes(seen + ".cwd").trimmed(),
+                 QFileInfo(QDir::tempPath()).canonicalFilePath().toUtf8());
+        QCOMPARE(test::readBytes(seen + ".path"),
                  QFileInfo(claude_).absolutePath().toUtf8() + ":" + qgetenv("PATH"));
-        QCOMPARE(readFile(seen + ".stdio"), QByteArray("null\n"));
+        QCOMPARE(test::readBytes(seen + ".stdio"), QByteArray("null\n"));
     }
 
     void writeReportsEveryFailure_data()
@@ -189,10 +184,8 @@ printf '{"type":"result","is_error":false,"result":"**Fix the login flow.**\\nMo
     {
         if (!QFileInfo::exists("/usr/local/bin/claude") && !QFileInfo::exists("/opt/homebrew/bin/claude"))
             QCOMPARE(writeToEnd(), "not found: ");
-        writeScript(claude_, "");
-        QFile file(claude_); // an executable whose interpreter does not exist
-        QVERIFY(file.open(QIODevice::WriteOnly) && file.write("#!/no/such/interpreter\n") > 0);
-        file.close();
+        writeScript(claude_, ""); // then an executable whose interpreter does not exist
+        QVERIFY(test::writeBytes(claude_, "#!/no/such/interpreter\n"));
         const QString outcome = writeToEnd();
         QVERIFY2(outcome.startsWith("launch failed: ") && outcome.size() > 15, qPrintable(outcome));
     }
@@ -233,7 +226,7 @@ printf '{"type":"result","is_error":false,"result":"**Fix the login flow.**\\nMo
         bool called = false;
         auto context = std::make_unique<QObject>();
         Headliner::run(script, {}, context.get(), [&](Headliner::RunResult) { called = true; });
-        QVERIFY(QTest::qWaitFor([&] { return readFile(pidFile).endsWith('\n'); }, 20000));
+        QVERIFY(QTest::qWaitFor([&] { return test::readBytes(pidFile).endsWith('\n'); }, 20000));
         context.reset();
         QVERIFY(QTest::qWaitFor([&] { return processIsGone(pidFile); }, 20000));
         QCoreApplication::processEvents();

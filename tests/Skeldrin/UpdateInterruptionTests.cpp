@@ -9,17 +9,12 @@
 #include <filesystem>
 
 using skeldrin::test::LoopbackHttpServer;
+using skeldrin::test::readBytes;
 using Response = LoopbackHttpServer::Response;
 
 namespace {
 
 constexpr int kWaitMs = 20000;
-
-QByteArray readAll(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 // Whether the process holds an open file of at least 64 KiB under `folder`.
 bool writesUnder(qint64 pid, const QString& folder)
@@ -50,7 +45,7 @@ class UpdateInterruptionTests : public QObject {
         QFETCH(QString, step);
         QTemporaryDir dir;
         QVERIFY(skeldrin::test::writeScript(dir.filePath("skeldrin"), "echo skeldrin 1.0.0"));
-        const QByteArray installed = readAll(dir.filePath("skeldrin"));
+        const QByteArray installed = readBytes(dir.filePath("skeldrin"));
         QVERIFY(skeldrin::test::writeScript(dir.filePath("installer"), "echo \"$1\" > \"$0.ran\""));
         const QByteArray package = QByteArray(256 * 1024, 'p') + "end of the package";
 
@@ -77,9 +72,10 @@ class UpdateInterruptionTests : public QObject {
         // Waiting through the event loop: the server runs on it.
         QTRY_COMPARE_WITH_TIMEOUT(probe.state(), QProcess::NotRunning, kWaitMs);
         QCOMPARE(probe.exitStatus(), QProcess::CrashExit);
-        QCOMPARE(readAll(final), stall ? QByteArray() : package);
+        QCOMPARE(readBytes(final), stall ? QByteArray() : package);
         if (step == QLatin1String("installer"))
-            QTRY_COMPARE_WITH_TIMEOUT(readAll(dir.filePath("installer.ran")), final.toUtf8() + '\n', kWaitMs);
+            QTRY_COMPARE_WITH_TIMEOUT(readBytes(dir.filePath("installer.ran")), final.toUtf8() + '\n',
+                                      kWaitMs);
 
         // The next start downloads the whole package again and hands over only that.
         server.serve("/s.deb", Response{200, package});
@@ -89,9 +85,9 @@ class UpdateInterruptionTests : public QObject {
         QTRY_COMPARE_WITH_TIMEOUT(next.state(), QProcess::NotRunning, kWaitMs);
         QCOMPARE(next.exitCode(), 0);
         QCOMPARE(server.requests().count("/s.deb"), 2);
-        QCOMPARE(readAll(dir.filePath("opened")), final.toUtf8() + '\n');
-        QCOMPARE(readAll(final), package);
-        QCOMPARE(readAll(dir.filePath("skeldrin")), installed);
+        QCOMPARE(readBytes(dir.filePath("opened")), final.toUtf8() + '\n');
+        QCOMPARE(readBytes(final), package);
+        QCOMPARE(readBytes(dir.filePath("skeldrin")), installed);
     }
 
     void relaunchStartsTheInstalledCopyOnceThisOneHasEnded()
@@ -110,7 +106,7 @@ class UpdateInterruptionTests : public QObject {
         pid.close();
         QVERIFY(probe.waitForFinished(kWaitMs));
         QCOMPARE(probe.exitCode(), 0);
-        QTRY_COMPARE_WITH_TIMEOUT(readAll(dir.filePath("skeldrin.ran")), QByteArray("0 arguments\n"),
+        QTRY_COMPARE_WITH_TIMEOUT(readBytes(dir.filePath("skeldrin.ran")), QByteArray("0 arguments\n"),
                                   kWaitMs);
     }
 };

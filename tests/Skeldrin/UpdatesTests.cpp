@@ -34,19 +34,6 @@ Response manifest(const QString& latest, const std::optional<QUrl>& linuxPackage
     return ok(QJsonDocument(object).toJson());
 }
 
-QByteArray readAll(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
-}
-
 // A site to check, and a record of what the updater hands to the desktop and whether it relaunched or quit.
 struct World {
     LoopbackHttpServer server;
@@ -260,7 +247,7 @@ class UpdatesTests : public QObject {
 
         // An earlier download of the same name is replaced only by a whole one.
         const QString file = world.path("cache/updates/s.deb");
-        QVERIFY(writeFile(file, "earlier"));
+        QVERIFY(test::writeBytes(file, "earlier"));
         QSignalSpy downloading(&updates, &Updates::downloadingChanged);
         if (!expectedLog.isEmpty()) QTest::ignoreMessage(QtWarningMsg, QRegularExpression(expectedLog));
         updates.install();
@@ -269,7 +256,7 @@ class UpdatesTests : public QObject {
         QCOMPARE(downloading.count(), offersPackage ? 2 : 0);
         QCOMPARE(updates.awaitingInstall(), downloads);
         QCOMPARE(world.opened, QList<QUrl>{downloads ? QUrl::fromLocalFile(file) : kPage});
-        QCOMPARE(readAll(file), downloads ? answer.body : QByteArray("earlier"));
+        QCOMPARE(test::readBytes(file), downloads ? answer.body : QByteArray("earlier"));
         QCOMPARE(QDir(world.path("cache/updates")).entryList(QDir::Files | QDir::Hidden),
                  QStringList{"s.deb"});
         if (!downloads) return;
@@ -280,15 +267,15 @@ class UpdatesTests : public QObject {
         // The installed copy answers `--version` from a file, counting the questions: while it is the old
         // one, no relaunch however often it is asked.
         const QString version = world.path("version"), asked = world.path("asked");
-        QVERIFY(writeFile(version, "1.0.0"));
+        QVERIFY(test::writeBytes(version, "1.0.0"));
         QVERIFY(test::writeScript(
             world.path("skeldrin"),
             QStringLiteral("echo >> '%1'\necho \"skeldrin $(cat '%2')\"").arg(asked, version).toUtf8()));
-        QTRY_VERIFY_WITH_TIMEOUT(readAll(asked).count('\n') >= 2, kWaitMs);
+        QTRY_VERIFY_WITH_TIMEOUT(test::readBytes(asked).count('\n') >= 2, kWaitMs);
         QVERIFY(world.launches.isEmpty());
         if (launchError)
             QTest::ignoreMessage(QtWarningMsg, "couldn't open the updated app: the copy is damaged");
-        QVERIFY(writeFile(version, "2.0.0\n"));
+        QVERIFY(test::writeBytes(version, "2.0.0\n"));
         QTRY_COMPARE_WITH_TIMEOUT(world.launches, QStringList{world.path("skeldrin")}, kWaitMs);
         QCOMPARE(world.quits, launchError ? 0 : 1);
     }

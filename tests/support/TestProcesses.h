@@ -12,16 +12,27 @@
 
 namespace skeldrin::test {
 
-// Writes a shell script with `body`, executable unless asked otherwise.
-inline bool writeScript(const QString& path, const QByteArray& body, bool executable = true)
+// A file's bytes, or empty when it cannot be read.
+inline QByteArray readBytes(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// Writes `bytes` to `path`, making its folder first.
+inline bool writeBytes(const QString& path, const QByteArray& bytes)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
     QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) return false;
-    file.write("#!/bin/sh\n" + body + "\n");
-    file.close();
-    return file.setPermissions(QFile::ReadOwner | QFile::WriteOwner |
-                               (executable ? QFile::ExeOwner : QFile::Permissions()));
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
+}
+
+// Writes a shell script with `body`, executable unless asked otherwise.
+inline bool writeScript(const QString& path, const QByteArray& body, bool executable = true)
+{
+    return writeBytes(path, "#!/bin/sh\n" + body + "\n") &&
+           QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner |
+                                           (executable ? QFile::ExeOwner : QFile::Permissions()));
 }
 
 // A home with its own XDG folders, for running the app and the hook without touching the user's.
