@@ -12,6 +12,8 @@
 #include <sstream>
 
 #include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,52 +21,6 @@ using namespace skeldrin;
 using namespace skeldrin::ProcessInspector;
 
 namespace {
-
-const char* const kProbe = SKELDRIN_PROCESS_PROBE;
-
-// cat in a session of its own, with a controlling terminal (a pty's slave side) and an environment of the
-// test's choosing; it runs until finish() closes its input.
-struct Child {
-    static constexpr const char* executable = "/bin/cat";
-    pid_t pid = -1;
-    int input = -1;
-    bool started = false;
-
-    Child(const std::string& terminal, char* const* environment)
-    {
-        int in[2], out[2];
-        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) return;
-        pid = ::fork();
-        if (pid == 0) {
-            ::dup2(in[0], STDIN_FILENO);
-            ::dup2(out[1], STDOUT_FILENO);
-            ::setsid();
-            // Opened by a session leader without a terminal, the slave becomes its controlling terminal.
-            if (::open(terminal.c_str(), O_RDWR) < 0) ::_exit(1);
-            char* argv[] = {const_cast<char*>(executable), nullptr};
-            ::execve(executable, argv, environment);
-            ::_exit(127);
-        }
-        ::close(in[0]);
-        ::close(out[1]);
-        input = in[1];
-        // Echoed once cat runs, past exec and the terminal set-up.
-        char echoed[6] = {};
-        started = pid > 0 && ::write(input, "ready\n", 6) == 6 && ::read(out[0], echoed, 6) == 6;
-        ::close(out[0]);
-    }
-    ~Child() { finish(); }
-
-    // Lets cat exit and reaps it, so that its pid no longer names a process.
-    void finish()
-    {
-        if (input >= 0) ::close(input);
-        input = -1;
-        while (pid > 0 && ::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
-        }
-        pid = -1;
-    }
-};
 
 std::string procArgs(std::int32_t argc, std::string_view execPath, std::size_t padding,
                      const std::vector<std::string>& strings)
@@ -85,26 +41,40 @@ std::string procArgs(std::int32_t argc, std::string_view execPath, std::size_t p
 TEST(ProcessInspectorLive, AChildIsKnownByItsStartWhileItRunsAndForgottenOnceGone)
 {
     const int master = ::posix_openpt(O_RDWR | O_NOCTTY);
-    ASSERT_GE(master, 0) << std::strerror(errno);
-    ASSERT_EQ(::grantpt(master), 0);
-    ASSERT_EQ(::unlockpt(master), 0);
+    ASSERT_TRUE(master >= 0 && ::grantpt(master) == 0 && ::unlockpt(master) == 0) << std::strerror(errno);
     const std::string slave = ::ptsname(master);
+    // cat in a session of its own, reading the slave side, which it opens after setsid and so gets as its
+    // controlling terminal. What it echoes to the pipe shows it runs, past exec.
+    int out[2];
+    ASSERT_EQ(::pipe2(out, O_CLOEXEC), 0);
+    posix_spawn_file_actions_t actions;
+    posix_spawnattr_t attributes;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, slave.c_str(), O_RDWR, 0);
+    ::posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    ::posix_spawnattr_init(&attributes);
+    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
+    char* argv[] = {const_cast<char*>("/bin/cat"), nullptr};
     char* environment[] = {const_cast<char*>("SKELDRIN_PROBE=one"), const_cast<char*>("EMPTY="), nullptr};
-    Child child(slave, environment);
-    ASSERT_TRUE(child.started) << "could not make " << slave << " the controlling terminal";
+    pid_t pid = 0;
+    ASSERT_EQ(::posix_spawn(&pid, argv[0], &actions, &attributes, argv, environment), 0);
+    ::close(out[1]);
+    char echoed[6] = {};
+    ASSERT_TRUE(::write(master, "ready\n", 6) == 6 && ::read(out[0], echoed, 6) == 6);
 
-    const pid_t pid = child.pid;
     const auto started = ref(pid);
     ASSERT_TRUE(started);
     EXPECT_EQ(ref(pid), started) << "the start time must come out the same on every reading";
     EXPECT_TRUE(isAlive(*started));
     EXPECT_FALSE(isAlive(ProcessRef{pid, started->startTime + 1})) << "a reused pid is another process";
     EXPECT_EQ(controllingTTY(pid), slave);
-    EXPECT_EQ(executablePath(pid), std::filesystem::canonical(Child::executable).string());
+    EXPECT_EQ(executablePath(pid), std::filesystem::canonical(argv[0]).string());
     EXPECT_EQ(startingEnvironment(pid), (Environment{{"SKELDRIN_PROBE", "one"}, {"EMPTY", ""}}));
 
-    child.finish();
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
     ::close(master);
+    ::close(out[0]);
     EXPECT_FALSE(isAlive(*started));
     EXPECT_FALSE(executablePath(pid));
     EXPECT_FALSE(startingEnvironment(pid));
@@ -115,7 +85,7 @@ TEST(ProcessInspectorLive, ClaudeIsTheFirstAncestorThatIsNotAShell)
 {
     const auto self = ref(::getpid());
     ASSERT_TRUE(self);
-    FILE* shell = ::popen((std::string("bash -c '\"") + kProbe + "\"; true'; true").c_str(), "r");
+    FILE* shell = ::popen("bash -c '\"" SKELDRIN_PROCESS_PROBE "\"; true'; true", "r");
     ASSERT_NE(shell, nullptr);
     char output[128] = {};
     std::fgets(output, sizeof output, shell);
@@ -133,7 +103,7 @@ TEST(ProcessInspectorWalk, TheSessionProcessIsTheFirstAncestorThatIsNoShell)
     // under process 2; a parent that has exited (30); a cycle, as records read one by one show on pid reuse.
     std::istringstream table(
         "1 0 launchd  2 1 kthreadd  500 2 claude  501 500 env  502 501 zsh  503 502 sh "
-        "504 503 skeldrin-hook  505 500 bash  600 2 sh  601 600 hook  10 1 hook  20 1 zsh "
+        "504 503 skeldrin-hook  505 500 bash  600 2 sh  601 600 hook  20 1 zsh "
         "21 20 hook  31 30 bash  32 31 hook  50 52 sh  51 50 bash  52 51 sh  53 52 hook");
     std::map<Pid, Record> records;
     Pid pid = 0, parent = 0;
@@ -147,15 +117,15 @@ TEST(ProcessInspectorWalk, TheSessionProcessIsTheFirstAncestorThatIsNoShell)
     // Process 1 is never the session's process; process 2 may be.
     const std::pair<Pid, std::optional<ProcessRef>> walks[] = {
         {504, ProcessRef{500, 1500}}, {505, ProcessRef{500, 1500}}, {601, ProcessRef{2, 1002}},
-        {10, std::nullopt},           {12, std::nullopt},           {21, std::nullopt},
-        {32, std::nullopt},           {53, std::nullopt},
+        {12, std::nullopt},           {21, std::nullopt},           {32, std::nullopt},
+        {53, std::nullopt},
     };
     for (const auto& [hook, expected] : walks)
         EXPECT_EQ(claude(hook, lookup), expected) << hook;
     EXPECT_EQ(claude(504, Lookup{}), std::nullopt);
 }
 
-TEST(ProcessInspectorParse, ArgumentArea)
+TEST(ProcessInspectorParse, ArgumentAreaAndEnvironBlock)
 {
     const auto typical = procArgs(2, "/usr/local/bin/claude", 5,
                                   {"claude", "X=argument", "PATH=/bin", "HOME=/Users/me",
@@ -171,10 +141,7 @@ TEST(ProcessInspectorParse, ArgumentArea)
     EXPECT_EQ(parseEnvironment(procArgs(1, "/bin/x", 16, {})), Environment{});
     // More arguments announced than present.
     EXPECT_EQ(parseEnvironment(procArgs(9, "/bin/x", 1, {"x", "K=v"})), Environment{});
-}
 
-TEST(ProcessInspectorParse, EnvironBlockSkipsEmptyEntries)
-{
     using namespace std::string_literals;
     EXPECT_EQ(parseEnvironBlock("A=1\0\0NOEQUALS\0B=2"s), (Environment{{"A", "1"}, {"B", "2"}}));
 }
