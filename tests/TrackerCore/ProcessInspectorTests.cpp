@@ -83,18 +83,14 @@ TEST(ProcessInspectorLive, AChildIsKnownByItsStartWhileItRunsAndForgottenOnceGon
 // The hook is run by Claude Code through shells that do not exec their last command.
 TEST(ProcessInspectorLive, ClaudeIsTheFirstAncestorThatIsNotAShell)
 {
-    const auto self = ref(::getpid());
-    ASSERT_TRUE(self);
     FILE* shell = ::popen("bash -c '\"" SKELDRIN_PROCESS_PROBE "\"; true'; true", "r");
     ASSERT_NE(shell, nullptr);
-    char output[128] = {};
-    std::fgets(output, sizeof output, shell);
-    ::pclose(shell);
-
     int pid = 0;
     double startTime = 0;
-    ASSERT_EQ(std::sscanf(output, "%d %la", &pid, &startTime), 2) << output;
-    EXPECT_EQ((ProcessRef{pid, startTime}), *self) << output;
+    const int found = std::fscanf(shell, "%d %la", &pid, &startTime);
+    ::pclose(shell);
+    ASSERT_EQ(found, 2);
+    EXPECT_EQ((ProcessRef{pid, startTime}), ref(::getpid()));
 }
 
 TEST(ProcessInspectorWalk, TheSessionProcessIsTheFirstAncestorThatIsNoShell)
