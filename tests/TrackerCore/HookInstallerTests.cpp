@@ -2,15 +2,20 @@
 #include "support/TempDir.h"
 #include "support/TestFiles.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <functional>
-#include <set>
 #include <sys/stat.h>
+
+// The failure shim is linked in ahead of the C library.
+extern "C" void skeldrin_fail(const char* rule);
 
 namespace fs = std::filesystem;
 using skeldrin::test::readText;
+using testing::HasSubstr;
 namespace HookInstaller = skeldrin::HookInstaller;
 using HookInstaller::State;
 using skeldrin::Json;
@@ -28,6 +33,11 @@ Json fixture(const char* name)
 Json appGroup(const std::string& command)
 {
     return {{"hooks", {{{"type", "command"}, {"command", command}, {"timeout", 5}}}}};
+}
+
+std::ptrdiff_t entries(const fs::path& folder)
+{
+    return std::distance(fs::directory_iterator(folder), {});
 }
 
 } // namespace
@@ -76,18 +86,17 @@ TEST(Installing, AddsItsGroupsAfterTheUsersAndRemovingGivesTheOriginalBack)
     matched["matcher"] = "AskUserQuestion|ExitPlanMode";
     EXPECT_EQ(hooks.at("PreToolUse"), Json::array({original["hooks"]["PreToolUse"][0], matched}));
 
-    std::set<std::string> events;
+    std::string events;
     for (const auto& [event, groups] : hooks.items())
-        events.insert(event);
-    EXPECT_EQ(events, (std::set<std::string>{"SessionStart", "SessionEnd", "UserPromptSubmit", "PreToolUse",
-                                             "PermissionRequest", "PermissionDenied", "PostToolUse",
-                                             "PostToolUseFailure", "Notification", "Stop", "StopFailure"}));
+        events += event + " ";
+    EXPECT_EQ(events, "Notification PermissionDenied PermissionRequest PostToolUse PostToolUseFailure "
+                      "PreToolUse SessionEnd SessionStart Stop StopFailure UserPromptSubmit ");
 
     EXPECT_EQ(HookInstaller::installing(current, installed), installed);
     EXPECT_EQ(HookInstaller::removing(installed), original);
 }
 
-TEST(Removing, DropsOnlyWhatItEmptiesAndLeavesOtherShapesAlone)
+TEST(Removing, DropsOnlyWhatItEmptiesAndOtherShapesAreNeverOverwritten)
 {
     const Json model = {{"model", "sonnet"}};
     EXPECT_EQ(HookInstaller::removing(HookInstaller::installing(current, model)), model);
@@ -102,10 +111,8 @@ TEST(Removing, DropsOnlyWhatItEmptiesAndLeavesOtherShapesAlone)
     EXPECT_EQ(HookInstaller::state(installed, current), State::installed);
     expected["hooks"].erase("Stop"); // held only the app's group, so removing empties it
     EXPECT_EQ(HookInstaller::removing(installed), expected);
-}
 
-TEST(Installing, RefusesToOverwriteHooksOfAnotherShape)
-{
+    // Installing refuses what it would have to overwrite.
     for (const char* text : {"[]", R"({"hooks": "echo stop"})",
                              R"({"hooks": {"Stop": {"hooks": [{"type": "command", "command": "echo"}]}}})"}) {
         const Json settings = Json::parse(text);
@@ -124,31 +131,21 @@ class SettingsFile : public ::testing::Test {
     fs::path backup = root / ".claude" / "settings.json.skeldrin-backup";
 };
 
-template <typename Error> std::string readError(const fs::path& file)
-{
-    try {
-        HookInstaller::readSettings(file);
-    } catch (const Error& e) {
-        return e.what();
-    }
-    return "accepted";
-}
-
 TEST_F(SettingsFile, ReadFailuresAreThrownAndNameTheFile)
 {
     fs::create_directory(settings);
     EXPECT_THROW(HookInstaller::readSettings(settings), fs::filesystem_error);
     fs::remove(settings);
-
-    fs::copy_file(fixtures / "trailing-comma.json", settings);
-    const std::string syntax = readError<skeldrin::DecodingError>(settings);
-    EXPECT_NE(syntax.find(settings.string()), std::string::npos) << syntax;
-    EXPECT_NE(syntax.find("line 5"), std::string::npos) << syntax;
-
-    fs::remove(settings);
-    fs::copy_file(fixtures / "top-level-array.json", settings);
-    EXPECT_EQ(readError<HookInstaller::CorruptFileError>(settings),
-              "The file “settings.json” couldn’t be opened because it isn’t in the correct format.");
+    const auto reading = [&](const char* fixture) {
+        fs::copy_file(fixtures / fixture, settings, fs::copy_options::overwrite_existing);
+        return [&] { HookInstaller::readSettings(settings); };
+    };
+    EXPECT_THAT(reading("trailing-comma.json"),
+                testing::ThrowsMessage<skeldrin::DecodingError>(
+                    testing::AllOf(HasSubstr(settings.string()), HasSubstr("line 5"))));
+    EXPECT_THAT(reading("top-level-array.json"),
+                testing::ThrowsMessage<HookInstaller::CorruptFileError>(testing::StrEq(
+                    "The file “settings.json” couldn’t be opened because it isn’t in the correct format.")));
 }
 
 TEST_F(SettingsFile, WritesThroughSymlinksKeepingTheModeAndTheFirstBackup)
@@ -179,9 +176,37 @@ TEST_F(SettingsFile, WritesThroughSymlinksKeepingTheModeAndTheFirstBackup)
     EXPECT_EQ(readText(backup), original);
     EXPECT_EQ(fs::status(real).permissions(), fs::perms(0640));
     EXPECT_EQ(fs::status(backup).permissions(), fs::perms(0640));
-    const auto entries = [](const fs::path& folder) {
-        return std::distance(fs::directory_iterator(folder), {});
-    };
     EXPECT_EQ(entries(settings.parent_path()), 2) << "a temporary file was left behind";
     EXPECT_EQ(entries(real.parent_path()), 1) << "a temporary file was left behind";
+}
+
+// A write refused at any point leaves the user's settings and their backup whole.
+TEST_F(SettingsFile, EveryFailedWritePointKeepsTheSettingsAndTheBackupWhole)
+{
+    const auto e = [](int error) { return ":" + std::to_string(error); };
+    const std::tuple<std::string, bool> cases[] = {
+        // call:errno[:skip], whether the backup was in place before the failure
+        {"open" + e(ENOSPC), false},       {"write" + e(ENOSPC), false},
+        {"fsync" + e(EIO), false},         {"link" + e(EIO), false},
+        {"open" + e(ENOSPC) + ":1", true}, {"write" + e(ENOSPC) + ":1", true},
+        {"fsync" + e(EIO) + ":1", true},   {"rename" + e(EIO), true},
+    };
+    const std::string original = readText(fixtures / "user-hooks.json");
+    const Json installed = HookInstaller::installing(current, fixture("user-hooks.json"));
+    for (const auto& [fail, backupMade] : cases) {
+        SCOPED_TRACE(fail);
+        fs::remove(backup);
+        skeldrin::test::writeText(settings, original);
+        skeldrin_fail(fail.c_str());
+        EXPECT_THROW(HookInstaller::writeSettings(installed, settings), fs::filesystem_error);
+        skeldrin_fail(nullptr);
+        EXPECT_EQ(readText(settings), original);
+        EXPECT_EQ(readText(backup), backupMade ? original : "");
+        EXPECT_EQ(entries(settings.parent_path()), backupMade ? 2 : 1) << "a temporary file was left behind";
+
+        // And once the disk is well again, the write goes through.
+        HookInstaller::writeSettings(installed, settings);
+        EXPECT_EQ(HookInstaller::readSettings(settings), installed);
+        EXPECT_EQ(readText(backup), original);
+    }
 }

@@ -1,7 +1,7 @@
 // Makes chosen system calls fail: preloaded into a dynamically linked hook (rule in $SKELDRIN_FAIL) or linked
 // into a test ahead of the C library (skeldrin_fail). A rule "call:error[:skip[:times]]" fails that call with
 // that error after `skip` calls succeed, `times` times (default: always). Only calls that write count: open
-// with O_CREAT, write above descriptor 2, fsync, rename, link, unlink, mkdir, flock.
+// with O_CREAT, write above descriptor 2, fsync, rename, link, unlink, flock.
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -11,7 +11,6 @@
 #include <mutex>
 #include <string>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -90,6 +89,5 @@ SKELDRIN_FAILING(int, fsync, (int fd), (fd), true)
 SKELDRIN_FAILING(int, rename, (const char* from, const char* to), (from, to), true)
 SKELDRIN_FAILING(int, link, (const char* from, const char* to), (from, to), true)
 SKELDRIN_FAILING(int, unlink, (const char* path), (path), true)
-SKELDRIN_FAILING(int, mkdir, (const char* path, mode_t mode), (path, mode), true)
 SKELDRIN_FAILING(int, flock, (int fd, int operation), (fd, operation), operation& LOCK_EX)
 }
