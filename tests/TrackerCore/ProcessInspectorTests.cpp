@@ -102,13 +102,11 @@ TEST(ProcessInspectorWalk, TheSessionProcessIsTheFirstAncestorThatIsNoShell)
         "504 503 skeldrin-hook  505 500 bash  600 2 sh  601 600 hook  20 1 zsh "
         "21 20 hook  31 30 bash  32 31 hook  50 52 sh  51 50 bash  52 51 sh  53 52 hook");
     std::map<Pid, Record> records;
-    Pid pid = 0, parent = 0;
-    std::string name;
-    while (table >> pid >> parent >> name)
-        records[pid] = Record{pid, parent, 1000.0 + pid, std::nullopt, name};
-    const Lookup lookup = [&](Pid asked) -> std::optional<Record> {
-        const auto found = records.find(asked);
-        return found == records.end() ? std::nullopt : std::optional(found->second);
+    for (Record record; table >> record.pid >> record.parentPid >> record.shortName;
+         records[record.pid] = record)
+        record.startTime = 1000.0 + record.pid;
+    const Lookup lookup = [&](Pid asked) {
+        return records.contains(asked) ? std::optional(records.at(asked)) : std::nullopt;
     };
     // Process 1 is never the session's process; process 2 may be.
     const std::pair<Pid, std::optional<ProcessRef>> walks[] = {
