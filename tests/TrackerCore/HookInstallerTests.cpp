@@ -181,7 +181,8 @@ TEST_F(SettingsFile, WritesThroughSymlinksKeepingTheModeAndTheFirstBackup)
 }
 
 // A write refused at any point leaves the user's settings and their backup whole.
-TEST_F(SettingsFile, EveryFailedWritePointKeepsTheSettingsAndTheBackupWhole)
+using SettingsFailures = SettingsFile;
+TEST_F(SettingsFailures, EveryWritePointKeepsTheSettingsAndTheBackupWhole)
 {
     const auto e = [](int error) { return ":" + std::to_string(error); };
     const std::tuple<std::string, bool> cases[] = {
