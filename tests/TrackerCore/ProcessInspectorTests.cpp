@@ -57,7 +57,10 @@ TEST(ProcessInspectorLive, AChildIsKnownByItsStartWhileItRunsAndForgottenOnceGon
     char* argv[] = {const_cast<char*>("/bin/cat"), nullptr};
     char* environment[] = {const_cast<char*>("SKELDRIN_PROBE=one"), const_cast<char*>("EMPTY="), nullptr};
     pid_t pid = 0;
-    ASSERT_EQ(::posix_spawn(&pid, argv[0], &actions, &attributes, argv, environment), 0);
+    const int spawned = ::posix_spawn(&pid, argv[0], &actions, &attributes, argv, environment);
+    ::posix_spawn_file_actions_destroy(&actions);
+    ::posix_spawnattr_destroy(&attributes);
+    ASSERT_EQ(spawned, 0) << std::strerror(spawned);
     ::close(out[1]);
     char echoed[6] = {};
     ASSERT_TRUE(::write(master, "ready\n", 6) == 6 && ::read(out[0], echoed, 6) == 6);
