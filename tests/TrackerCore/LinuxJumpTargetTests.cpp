@@ -12,7 +12,7 @@ Session sessionFrom(const Environment& environment,
                     std::optional<skeldrin::ProcessRef> process = std::nullopt)
 {
     Session session;
-    session.id = "0f5c2b9e-51d4-4c1e-9a43-2d7a8c1e6b30";
+    session.id = "0f5c2b9e";
     session.cwd = "/home/ada/src/engine";
     session.origin = skeldrin::Origin(environment, std::nullopt);
     session.process = process;
@@ -53,9 +53,8 @@ TEST(LinuxJumpTarget, FirstKnownPlaceWinsThenTheEditorOrTheNearestWindow)
     Session session = sessionFrom({{"CLAUDE_CODE_ENTRYPOINT", "claude-vscode"}});
     session.origin.editorExecutable = "cursor";
     EXPECT_EQ(lj::resolve(session),
-              lj::Target(lj::EditorFolder{
-                  "cursor", "/home/ada/src/engine",
-                  "cursor://anthropic.claude-code/open?session=0f5c2b9e-51d4-4c1e-9a43-2d7a8c1e6b30"}));
+              lj::Target(lj::EditorFolder{"cursor", "/home/ada/src/engine",
+                                          "cursor://anthropic.claude-code/open?session=0f5c2b9e"}));
     session.id = "a b";
     EXPECT_EQ(std::get<lj::EditorFolder>(*lj::resolve(session)).url, std::nullopt);
 }
