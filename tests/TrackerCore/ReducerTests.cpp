@@ -22,19 +22,14 @@ HookEvent event(std::string name, Json extra = Json::object())
     return HookEvent::fromJson(extra);
 }
 
-HookContext context()
-{
-    HookContext c;
-    c.process = ProcessRef{100, 1.5};
-    return c;
-}
+const HookContext kContext{{}, ProcessRef{100, 1.5}, {}};
 
 // Applies events in order, one second apart, to a session that is expected to stay.
 Session run(std::initializer_list<HookEvent> events, std::optional<Session> start = std::nullopt)
 {
     int t = 0;
     for (const auto& e : events) {
-        start = Reducer::apply(e, start, context(), at(++t));
+        start = Reducer::apply(e, start, kContext, at(++t));
         if (!start) throw std::runtime_error("session removed");
     }
     return *start;
@@ -44,8 +39,7 @@ Session run(std::initializer_list<HookEvent> events, std::optional<Session> star
 
 TEST(ReducerLifecycle, CreationCommonFieldsAndSessionEnd)
 {
-    HookContext c = context();
-    c.inheritedSessionId = "parent";
+    HookContext c{{}, kContext.process, "parent"};
     auto s = Reducer::apply(
         event("SessionStart", {{"cwd", "/w"}, {"transcript_path", "/t.jsonl"}, {"session_title", "T"}}),
         std::nullopt, c, at(1));
@@ -61,7 +55,7 @@ TEST(ReducerLifecycle, CreationCommonFieldsAndSessionEnd)
     s->endedAt = at(2);
     s = Reducer::apply(event("Notification"), s, c, at(3));
     EXPECT_EQ(s->parentId, "parent");
-    EXPECT_EQ(s->process, context().process);
+    EXPECT_EQ(s->process, kContext.process);
     EXPECT_FALSE(s->endedAt);
     EXPECT_FALSE(Reducer::apply(event("SessionEnd", {{"reason", "other"}}), s, c, at(4))); // CLI session
 
@@ -74,12 +68,13 @@ TEST(ReducerLifecycle, CreationCommonFieldsAndSessionEnd)
     EXPECT_FALSE(Reducer::apply(event("SessionEnd", {{"reason", "clear"}}), s, c, at(5)));
 }
 
-TEST(ReducerApprovals, PromptsStartTurnsAndPermissionRequestsCountAndClose)
+TEST(ReducerApprovals, PermissionRequestsCountAndCloseAndOnlyAStatusChangeTouchesTheTimes)
 {
-    Session s = run({event("UserPromptSubmit", {{"prompt", "  fix it\nplease"}}),
+    // The prompt's first line, trimmed and cut to 120 characters.
+    Session s = run({event("UserPromptSubmit", {{"prompt", "  " + std::string(121, 'a') + "\nplease"}}),
                      event("UserPromptSubmit", {{"prompt", "from a hook"}, {"source", "resume"}}),
                      event("PermissionRequest", bash("ls")), event("PermissionRequest", bash("ls"))});
-    EXPECT_EQ(s.lastPrompt, "fix it");
+    EXPECT_EQ(s.lastPrompt, std::string(119, 'a') + "\u2026");
     EXPECT_EQ(s.openPrompts, (std::vector<std::string>{"tool:Bash: ls", "tool:Bash: ls"}));
     EXPECT_EQ(s.pendingApprovals, 2);
     EXPECT_EQ(s.waitingFor, "Bash: ls");
@@ -89,22 +84,35 @@ TEST(ReducerApprovals, PromptsStartTurnsAndPermissionRequestsCountAndClose)
     EXPECT_EQ(s.openPrompts, std::vector<std::string>{"tool:Bash: ls"});
     EXPECT_EQ(s.status(), Status::multiStepWaiting); // second approval this turn
     s = run({event("PermissionDenied", bash("ls"))}, s);
-    EXPECT_EQ(s.pendingApprovals, 0);
     EXPECT_FALSE(s.waitingFor);
     EXPECT_EQ(s.status(), Status::running);
 
     s = run({event("PermissionRequest", bash("ls")), event("Stop")}, s);
-    EXPECT_EQ(s.pendingApprovals, 0);
     EXPECT_EQ(s.approvalsThisTurn, 0);
     EXPECT_EQ(s.status(), Status::ready);
 
-    // A long prompt is cut to 120 characters; a file tool is described by its file's name.
     s = run(
-        {event("UserPromptSubmit", {{"prompt", std::string(121, 'a')}}),
-         event("PermissionRequest", {{"tool_name", "Edit"}, {"tool_input", {{"file_path", "/src/main.c"}}}})},
+        {event("PermissionRequest", {{"tool_name", "Edit"}, {"tool_input", {{"file_path", "/src/m.c"}}}})},
         s);
-    EXPECT_EQ(s.lastPrompt, std::string(119, 'a') + "\u2026");
-    EXPECT_EQ(s.waitingFor, "Edit: main.c");
+    EXPECT_EQ(s.waitingFor, "Edit: m.c"); // a file tool is described by its file's name
+
+    // Only a change of status touches the times.
+    s.seenAt = s.dismissedAt = at(50);
+    const Session before = s;
+    s = *Reducer::apply(event("PreToolUse", bash("ls")), s, kContext, at(60)); // still waiting
+    EXPECT_EQ(s, before);
+
+    const Session ended = Reducer::processEnded(s, at(70)); // interrupted too
+    EXPECT_EQ(ended.status(), Status::ready);
+    EXPECT_TRUE(ended.changedAt == at(70) && ended.endedAt == at(70));
+    EXPECT_FALSE(ended.process || ended.seenAt || ended.dismissedAt);
+
+    s = *Reducer::apply(event("Stop"), s, kContext, at(80));
+    EXPECT_EQ(s.changedAt, at(80));
+    EXPECT_FALSE(s.seenAt || s.dismissedAt);
+    s.seenAt = at(85);
+    const Session endedReady = Reducer::processEnded(s, at(90)); // a ready one is not interrupted
+    EXPECT_TRUE(endedReady.seenAt == at(85) && endedReady.changedAt == at(80));
 }
 
 TEST(ReducerApprovals, NotificationsOpenPromptsOnlyWhenNoneIsCounted)
@@ -170,27 +178,4 @@ TEST(ReducerFailures, InterruptsEndTheTurnOtherFailuresCloseTheTool)
         EXPECT_EQ(s.pendingApprovals, 0) << close;
         EXPECT_EQ(s.openPrompts, std::vector<std::string>{}) << close;
     }
-}
-
-TEST(ReducerTimes, OnlyAStatusChangeTouchesTheTimes)
-{
-    Session s = run({event("UserPromptSubmit"), event("PermissionRequest", bash("ls"))});
-    s.seenAt = s.dismissedAt = at(50);
-    const Session before = s;
-    s = *Reducer::apply(event("PreToolUse", bash("ls")), s, context(), at(60)); // still waiting
-    EXPECT_EQ(s, before);
-
-    const Session ended = Reducer::processEnded(s, at(70)); // interrupted too
-    EXPECT_EQ(ended.status(), Status::ready);
-    EXPECT_EQ(ended.changedAt, at(70));
-    EXPECT_EQ(ended.endedAt, at(70));
-    EXPECT_FALSE(ended.process || ended.seenAt || ended.dismissedAt);
-
-    s = *Reducer::apply(event("Stop"), s, context(), at(80));
-    EXPECT_EQ(s.changedAt, at(80));
-    EXPECT_FALSE(s.seenAt || s.dismissedAt);
-    s.seenAt = at(85);
-    const Session endedReady = Reducer::processEnded(s, at(90));
-    EXPECT_EQ(endedReady.seenAt, at(85)); // a ready session is not interrupted
-    EXPECT_EQ(endedReady.changedAt, at(80));
 }

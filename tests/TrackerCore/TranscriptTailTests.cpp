@@ -15,12 +15,10 @@ const auto fixture = [](const char* name) {
 
 const auto at = [](const char* iso) { return parseIso8601(iso).value(); };
 
-std::string userLine(const char* timestamp, const Json& content)
-{
-    Json line{{"type", "user"}, {"message", {{"role", "user"}, {"content", content}}}};
-    if (timestamp) line["timestamp"] = timestamp;
-    return line.dump() + "\n";
-}
+const auto userLine = [](const char* timestamp, const Json& content) {
+    const Json message{{"role", "user"}, {"content", content}};
+    return Json{{"type", "user"}, {"timestamp", timestamp}, {"message", message}}.dump() + "\n";
+};
 
 std::string assistantLine(const std::string& text)
 {
@@ -28,24 +26,26 @@ std::string assistantLine(const std::string& text)
            text + "\"}]}}\n";
 }
 
-std::string titleLine(const char* type, const char* key, const char* title)
-{
-    Json line{{"type", type}};
-    if (title) line[key] = title;
-    return line.dump() + "\n";
-}
-const auto customTitle = [](const char* title) { return titleLine("custom-title", "customTitle", title); };
-const auto aiTitle = [](const char* title) { return titleLine("ai-title", "aiTitle", title); };
+const auto customTitle = [](std::string t) {
+    return R"({"type":"custom-title","customTitle":")" + t + "\"}\n";
+};
+const auto aiTitle = [](std::string t) { return R"({"type":"ai-title","aiTitle":")" + t + "\"}\n"; };
 
 const char* const kStamp = "2026-03-14T10:02:31.118Z";
 
 } // namespace
 
-TEST(TranscriptTail, FixturesGiveTheirTitleAndInterrupt)
+TEST(TranscriptTail, FixturesGiveTheirTitleInterruptAndRunningTasks)
 {
     const auto interrupted = TranscriptTail::parse(fixture("interrupted-turn.jsonl"));
     EXPECT_EQ(interrupted.interruptedAt, at(kStamp));
     EXPECT_EQ(interrupted.title, "Staging migration run");
+    EXPECT_EQ(TranscriptTail::parse(fixture("background-work.jsonl")).runningBackgroundTasks,
+              (std::vector<TranscriptTail::BackgroundTask>{
+                  {"toolu_01Audit5Fg8Hj2Kl4Mn6Pq", at("2026-03-14T11:00:06.250Z"), "Audit dependencies",
+                   std::nullopt},
+                  {"toolu_01Watch3Zx7Cv9Bn1Mq5Ws", at("2026-03-14T11:00:08.000Z"),
+                   "Watch build log for errors", at("2026-03-14T11:10:08.000Z")}}));
 }
 
 TEST(TranscriptTail, NewestCustomTitleWinsOverEveryAiTitle)
@@ -54,7 +54,7 @@ TEST(TranscriptTail, NewestCustomTitleWinsOverEveryAiTitle)
         {aiTitle("Older") + aiTitle("Newest") + assistantLine("hi"), "Newest"},
         {customTitle("Mine") + aiTitle("Generated"), "Mine"},
         // A title line without its title, or with one of the wrong kind, lets the search go on.
-        {customTitle("Kept") + customTitle(nullptr) + userLine(kStamp, "go"), "Kept"},
+        {customTitle("Kept") + "{\"type\":\"custom-title\"}\n" + userLine(kStamp, "go"), "Kept"},
         // An empty custom title is still the user's choice.
         {aiTitle("Generated") + customTitle(""), ""},
     };
@@ -87,7 +87,6 @@ TEST(TranscriptTail, InterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
         {userLine(kStamp, Json::array({7, {{"type", "text"}, {"text", marker}}})), false},
         // Escapes are compared as what they decode to, and of two "content" members the later counts.
         {withContent(R"("\u005bRequest\u0020interrupted by user]")"), true},
-        {withContent(R"("\u005bRequest\u00a0interrupted by user]")"), false},
         {withContent(R"("x","content":"[Request interrupted by user]")"), true},
         // Undated or badly dated: not reported, but the turn is settled all the same.
         {userLine(kStamp, marker) + userLine("yesterday", marker), false},
@@ -95,7 +94,6 @@ TEST(TranscriptTail, InterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
         {interrupt + "{\"type\":\"assistant\",\"message\":null}\r\n", false},
         // Lines that fail to decode as a whole leave the interrupt before them the newest turn.
         {interrupt + std::string(100000, '[') + "\n\n", true},
-        {interrupt + "{\"type\":\"assistant\",\"message\":{\"content\":\"bad \xff byte\"}}", true},
     };
     for (const auto& [bytes, interrupted] : cases)
         EXPECT_EQ(TranscriptTail::parse(bytes).interruptedAt,
