@@ -12,16 +12,6 @@ using namespace skeldrin;
 
 namespace {
 
-bool scans(std::string_view text)
-{
-    try {
-        json_scan::members(text, {});
-        return true;
-    } catch (const DecodingError&) {
-        return false;
-    }
-}
-
 // Delivers text in pieces of varying small sizes, so that every token meets a buffer boundary somewhere.
 json_scan::Reader piecewise(const std::string& text, std::size_t seed)
 {
@@ -33,15 +23,19 @@ json_scan::Reader piecewise(const std::string& text, std::size_t seed)
     };
 }
 
-// The event `decode` gives, or nothing when it throws `Error`.
-template <typename Error = DecodingError, typename Decode> std::optional<HookEvent> decoded(Decode decode)
+// What `decode` gives, or nothing when it throws `Error`.
+template <typename Error = DecodingError, typename Decode> auto decoded(Decode decode)
 {
     try {
-        return decode();
+        return std::optional(decode());
     } catch (const Error&) {
-        return std::nullopt;
+        return decltype(std::optional(decode()))();
     }
 }
+
+const auto scans = [](std::string_view text) {
+    return decoded([&] { return json_scan::members(text, {}); }).has_value();
+};
 
 } // namespace
 
@@ -110,11 +104,9 @@ TEST(HookEventDecoding, StreamedDecodeMatchesAFullDecode)
     payloads.push_back(whole + " {}");
 
     for (std::size_t i = 0; i < payloads.size(); ++i) {
-        const auto& payload = payloads[i];
         const auto expected =
-            decoded<std::exception>([&] { return HookEvent::fromJson(Json::parse(payload)); });
-        EXPECT_EQ(decoded([&] { return HookEvent::read(piecewise(payload, i)); }), expected)
-            << "payload " << i;
-        EXPECT_EQ(decoded([&] { return HookEvent::decode(payload); }), expected) << "payload " << i;
+            decoded<std::exception>([&] { return HookEvent::fromJson(Json::parse(payloads[i])); });
+        EXPECT_EQ(decoded([&] { return HookEvent::read(piecewise(payloads[i], i)); }), expected) << i;
+        EXPECT_EQ(decoded([&] { return HookEvent::decode(payloads[i]); }), expected) << i;
     }
 }

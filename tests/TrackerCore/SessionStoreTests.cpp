@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <numeric>
+#include <set>
+
 using namespace skeldrin;
 namespace fs = std::filesystem;
 
@@ -21,27 +24,20 @@ void retitle(const SessionStore& store, const std::string& id, const std::string
     });
 }
 
-// Sessions as "id/title" and failures as "!file", sorted.
-std::vector<std::string> sortedIds(const SessionStore::LoadResult& result)
+// Sessions as "id/title" and failures as "!file", sorted, each followed by a space.
+std::string listed(const SessionStore::LoadResult& result)
 {
-    std::vector<std::string> ids;
+    std::set<std::string> ids;
     for (const auto& s : result.sessions)
-        ids.push_back(s.id + "/" + s.title.value_or(""));
+        ids.insert(s.id + "/" + s.title.value_or(""));
     for (const auto& f : result.failures)
-        ids.push_back("!" + f.file.filename().string());
-    std::sort(ids.begin(), ids.end());
-    return ids;
+        ids.insert("!" + f.file.filename().string());
+    return std::accumulate(ids.begin(), ids.end(), std::string(),
+                           [](auto all, auto id) { return all + id + " "; });
 }
 
 class SessionStoreTest : public ::testing::Test {
   protected:
-    std::string bytes(const std::string& id) const { return test::readText(dir / (id + ".json")); }
-    void write(const std::string& name, const std::string& content) const
-    {
-        fs::create_directories(dir);
-        test::writeText(dir / name, content);
-    }
-
     test::TempDir root{"skeldrin-store"};
     fs::path dir = root / "nested/sessions";
     const SessionStore store{dir};
@@ -67,17 +63,17 @@ TEST_F(SessionStoreTest, CreatesUpdatesRewritesOnlyChangesAndRemoves)
         EXPECT_FALSE(current);
         return std::optional(make("s1"));
     });
-    EXPECT_EQ(decodeSession(bytes("s1")), make("s1"));
+    const auto file = dir / "s1.json";
+    EXPECT_EQ(decodeSession(test::readText(file)), make("s1"));
 
     // An unchanged record is not rewritten: an old stamp would show a rewrite.
-    const auto file = dir / "s1.json";
     const auto old = fs::last_write_time(file) - std::chrono::hours(1);
     fs::last_write_time(file, old);
     store.update("s1", [](const std::optional<Session>& current) { return current; });
     EXPECT_EQ(fs::last_write_time(file), old);
 
     retitle(store, "s1", "renamed");
-    EXPECT_EQ(decodeSession(bytes("s1")).title, "renamed");
+    EXPECT_EQ(decodeSession(test::readText(file)).title, "renamed");
     store.update("s1", [](const auto&) { return std::optional<Session>(); });
     EXPECT_FALSE(fs::exists(file));
     store.remove("s1"); // a missing session is fine
@@ -85,33 +81,23 @@ TEST_F(SessionStoreTest, CreatesUpdatesRewritesOnlyChangesAndRemoves)
 
 TEST_F(SessionStoreTest, CorruptFilesAndFailingBodiesChangeNothing)
 {
-    write("bad.json", "{\"id\": \"bad\", truncated");
-    EXPECT_THROW(store.remove("bad"), DecodingError);
-    EXPECT_EQ(bytes("bad"), "{\"id\": \"bad\", truncated");
-
     EXPECT_THROW(
         store.update("s1", [](const auto&) -> std::optional<Session> { throw std::logic_error("no"); }),
         std::logic_error);
     EXPECT_FALSE(fs::exists(dir / "s1.json"));
     retitle(store, "s1"); // would hang if the lock were still held
     EXPECT_TRUE(fs::exists(dir / "s1.json"));
+
+    test::writeText(dir / "bad.json", "{\"id\": \"bad\", truncated");
+    EXPECT_THROW(store.remove("bad"), DecodingError);
+    EXPECT_EQ(test::readText(dir / "bad.json"), "{\"id\": \"bad\", truncated");
 }
 
-TEST_F(SessionStoreTest, LoadAllCollectsFailuresAndSkipsOtherFiles)
+TEST_F(SessionStoreTest, LoadsCollectFailuresSkipOtherFilesAndCachedLoadsFollowEveryChange)
 {
-    EXPECT_EQ(sortedIds(store.loadAll()), std::vector<std::string>{});
+    EXPECT_EQ(listed(store.loadAll()), "");
     EXPECT_TRUE(fs::is_directory(dir));
 
-    retitle(store, "a");
-    write("x.json", "not json");
-    write("notes.txt", "hello");
-    write(".a.json.tmp", "{half a file"); // left by a killed writer
-    fs::create_directories(dir / "folder.json");
-    EXPECT_EQ(sortedIds(store.loadAll()), (std::vector<std::string>{"!folder.json", "!x.json", "a/"}));
-}
-
-TEST_F(SessionStoreTest, CachedLoadsFollowEveryChange)
-{
     SessionStore::LoadCache cache;
     // "Now" far ahead makes every file count as settled, the case where the cache is trusted.
     const Date now =
@@ -119,16 +105,22 @@ TEST_F(SessionStoreTest, CachedLoadsFollowEveryChange)
     const Date later = now + std::chrono::hours(1);
     retitle(store, "a", "one");
     retitle(store, "b", "one");
-    EXPECT_EQ(sortedIds(store.loadAll(cache, later)), (std::vector<std::string>{"a/one", "b/one"}));
+    EXPECT_EQ(listed(store.loadAll(cache, later)), "a/one b/one ");
     EXPECT_TRUE(store.loadAll(cache, later).unchanged);
     retitle(store, "a", "two");
     store.remove("b");
-    EXPECT_EQ(sortedIds(store.loadAll(cache, later)), (std::vector<std::string>{"a/two"}));
+    EXPECT_EQ(listed(store.loadAll(cache, later)), "a/two ");
 
     // A file written just before it was read is read again, even though its stamp did not change.
     SessionStore::LoadCache fresh;
     EXPECT_FALSE(store.loadAll(fresh, now).unchanged);
     EXPECT_FALSE(store.loadAll(fresh, now).unchanged);
+
+    test::writeText(dir / "x.json", "not json");
+    test::writeText(dir / "notes.txt", "hello");
+    test::writeText(dir / ".a.json.tmp", "{half a file"); // left by a killed writer
+    fs::create_directories(dir / "folder.json");
+    EXPECT_EQ(listed(store.loadAll()), "!folder.json !x.json a/two ");
 }
 
 TEST(Paths, HomeFromPasswdText)

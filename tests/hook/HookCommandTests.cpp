@@ -106,7 +106,7 @@ class HookCommandTest : public ::testing::Test {
 
 } // namespace
 
-TEST_F(HookCommandTest, RecordsAnEventWithItsContextAfterReadingAllOfIt)
+TEST_F(HookCommandTest, RecordsEventsWithTheirContextAndFiftyAtOnceLoseNoUpdate)
 {
     // A stand-in Claude Code process started from inside another session.
     pid_t claude;
@@ -114,8 +114,10 @@ TEST_F(HookCommandTest, RecordsAnEventWithItsContextAfterReadingAllOfIt)
     char* argv[] = {sleepPath, seconds, nullptr};
     char* envp[] = {parent, nullptr};
     ASSERT_EQ(posix_spawn(&claude, "/bin/sleep", nullptr, nullptr, argv, envp), 0);
-    env.push_back("CLAUDE_PID=" + std::to_string(claude));
-    const auto r = hook(event("UserPromptSubmit", "s1",
+    Env withClaude = env;
+    withClaude.push_back("CLAUDE_PID=" + std::to_string(claude));
+    const auto r =
+        run(withClaude, event("UserPromptSubmit", "s1",
                               R"(,"prompt":"fix the build","transcript_path":"/t.jsonl","tool_response":")" +
                                   std::string(5 << 20, 'x') + "\""));
     kill(claude, SIGKILL);
@@ -127,29 +129,25 @@ TEST_F(HookCommandTest, RecordsAnEventWithItsContextAfterReadingAllOfIt)
     EXPECT_EQ(s.transcriptPath, "/t.jsonl");
     EXPECT_EQ(s.process.value_or(ProcessRef{}).pid, claude);
     EXPECT_EQ(s.parentId, "parent-7");
-}
 
-TEST_F(HookCommandTest, FiftyHooksAtOnceLoseNoUpdate)
-{
-    constexpr int kShared = 25, kOwn = 25;
-    std::vector<Outcome> outcomes(kShared + kOwn);
+    // Half of them on one session, half each on its own.
+    std::vector<Outcome> outcomes(50);
     std::vector<std::thread> threads;
-    for (int i = 0; i < kShared + kOwn; ++i)
+    for (int i = 0; i < 50; ++i)
         threads.emplace_back([&, i] {
             const std::string command =
                 R"(,"tool_name":"Bash","tool_input":{"command":"make )" + std::to_string(i);
-            outcomes[i] = hook(i < kShared ? event("PermissionRequest", "shared", command + "\"}")
-                                           : event("UserPromptSubmit", "own-" + std::to_string(i)));
+            outcomes[i] = hook(i < 25 ? event("PermissionRequest", "shared", command + "\"}")
+                                      : event("UserPromptSubmit", "own-" + std::to_string(i)));
         });
     for (auto& t : threads)
         t.join();
-    for (const auto& r : outcomes)
-        EXPECT_EQ(r.out + r.err, "");
+    for (const auto& o : outcomes)
+        EXPECT_EQ(o.out + o.err, "");
     const Session shared = session("shared");
-    EXPECT_EQ(shared.pendingApprovals, kShared);
-    EXPECT_EQ(shared.openPrompts.value_or(std::vector<std::string>{}).size(), std::size_t{kShared});
-    for (int i = kShared; i < kShared + kOwn; ++i)
-        EXPECT_TRUE(fs::exists(sessions / ("own-" + std::to_string(i) + ".json"))) << i;
+    EXPECT_EQ(shared.pendingApprovals, 25);
+    EXPECT_EQ(shared.openPrompts.value_or(std::vector<std::string>{}).size(), 25u);
+    EXPECT_EQ(listing().size(), 27u); // s1, shared and 25 own, nothing left behind
     // Without CLAUDE_PID, the walk up from the hook: spawned by this test process, which is not a shell.
     EXPECT_EQ(session("own-49").process, ProcessInspector::ref(getpid()));
 }
@@ -165,11 +163,10 @@ TEST_F(HookCommandTest, BadInputAndDiskFailuresExitQuietlyAndChangeNothing)
     // The call the shim fails (none: the plain hook), and the payload.
     std::vector<std::pair<std::string, std::string>> cases;
     for (const std::string bad :
-         {"", R"({"hook_event_name":"Stop","session_id":"s3")", R"(["hook_event_name"])",
+         {R"({"hook_event_name":"Stop","session_id":"s3")", R"(["hook_event_name"])",
           R"({"hook_event_name":"Stop","cwd":"/x"})", R"({"session_id":"s4"})",
           R"({"hook_event_name":"Stop","session_id":"s4","tool_input":{"questions":{}}})",
           R"({"hook_event_name":"Stop","session_id":"s1","cwd":false})",
-          "{\"hook_event_name\":\"Stop\",\"session_id\":\"s\xff\"}",
           R"({"hook_event_name":"Stop","session_id":"../x"})"})
         cases.emplace_back("", bad);
     cases.emplace_back("", event("UserPromptSubmit", "s2"));
