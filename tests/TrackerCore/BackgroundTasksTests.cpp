@@ -32,10 +32,9 @@ std::string start(const char* id, const Json& input, const char* name = "Bash",
     return line.dump();
 }
 
-std::string background(const char* id, const char* command, const char* timestamp = kStart)
-{
+const auto background = [](const char* id, const char* command, const char* timestamp = kStart) {
     return start(id, {{"command", command}, {"run_in_background", true}}, "Bash", timestamp);
-}
+};
 
 const auto result = [](const char* id, const std::string& text) {
     const Json block = {{"tool_use_id", id}, {"type", "tool_result"}, {"content", text}};
@@ -50,7 +49,7 @@ const auto notice = [](const std::string& body, const char* type = "user") {
 
 } // namespace
 
-TEST(BackgroundTasks, EndsOnlyWhatANotificationOrTaskStopNames)
+TEST(BackgroundTasks, EndsOnlyWhatANotificationOrTaskStopNamesAndListsTheOldestFirst)
 {
     const std::vector<std::string> started{
         background("toolu_A", "make docs"), result("toolu_A", "Command running in background with ID: shA1"),
@@ -73,10 +72,6 @@ TEST(BackgroundTasks, EndsOnlyWhatANotificationOrTaskStopNames)
         lines.push_back(line);
         EXPECT_EQ(running(lines), ids) << line;
     }
-}
-
-TEST(BackgroundTasks, AliasesNameOneOpenTaskAndTheOldestComesFirst)
-{
     // A later alias replaces an earlier one; agentId announces too.
     EXPECT_EQ(running({background("toolu_A", "a"), background("toolu_B", "b"),
                        result("toolu_A", "Command running in background with ID: same1"),
@@ -90,7 +85,7 @@ TEST(BackgroundTasks, AliasesNameOneOpenTaskAndTheOldestComesFirst)
               "toolu_B toolu_A toolu_C ");
 }
 
-TEST(BackgroundTasks, ExpiryCountsFromTheStart)
+TEST(BackgroundTasks, ExpiryCountsFromTheStartAndTitleIsAFirstLine)
 {
     // A later result without expiry keeps the earlier one.
     const auto expiry = [](const std::string& text, const char* startedAt = kStart) {
@@ -105,10 +100,8 @@ TEST(BackgroundTasks, ExpiryCountsFromTheStart)
     // A number that fits but lies beyond any writable date stays the latest one.
     EXPECT_EQ(expiry("expires in 9000000000000000000m"), at("9999-12-31T23:59:59.999999Z"));
     EXPECT_EQ(expiry("expires in 5m", nullptr), distantPast() + std::chrono::minutes{5});
-}
 
-TEST(BackgroundTasks, TitleIsTheFirstLineOfDescriptionCommandOrPrompt)
-{
+    // The title is the first line of the description, the command or the prompt.
     const auto title = [](Json input) {
         input["run_in_background"] = true;
         return scan({start("toolu_A", input, "Task")}).at(0).title;

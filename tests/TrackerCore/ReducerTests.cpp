@@ -115,26 +115,7 @@ TEST(ReducerApprovals, PermissionRequestsCountAndCloseAndOnlyAStatusChangeTouche
     EXPECT_TRUE(endedReady.seenAt == at(85) && endedReady.changedAt == at(80));
 }
 
-TEST(ReducerApprovals, NotificationsOpenPromptsOnlyWhenNoneIsCounted)
-{
-    Session s = run({event("UserPromptSubmit"), event("PermissionRequest", bash("ls")),
-                     event("Notification", notification("elicitation_dialog"))});
-    EXPECT_EQ(s.openPrompts, std::vector<std::string>{"tool:Bash: ls"});
-
-    s = run({event("UserPromptSubmit"), event("Notification", notification("permission_prompt", "Allow?"))},
-            s);
-    EXPECT_EQ(s.openPrompts, std::vector<std::string>{"any"});
-    EXPECT_EQ(s.waitingFor, "Allow?");
-    EXPECT_EQ(s.status(), Status::waiting);
-
-    s = run({event("Notification", notification("idle_prompt"))}, s);
-    EXPECT_EQ(s.phase, Phase::running); // a prompt is open: not idle
-    s = run({event("PostToolUse", bash("whatever")), event("Notification", notification("idle_prompt"))}, s);
-    EXPECT_EQ(s.pendingApprovals, 0); // "any" closes with any tool
-    EXPECT_EQ(s.phase, Phase::idle);
-}
-
-TEST(ReducerQuestions, QuestionToolsOpenOnePromptPerCall)
+TEST(ReducerPrompts, QuestionsNotificationsAndFailuresOpenAndClosePrompts)
 {
     const Json ask = {{"tool_name", "AskUserQuestion"},
                       {"tool_use_id", "t1"},
@@ -157,12 +138,26 @@ TEST(ReducerQuestions, QuestionToolsOpenOnePromptPerCall)
     s = run({event("PreToolUse", ask), event("PostToolUse", ask)}, s);
     EXPECT_EQ(s.openPrompts, std::vector<std::string>{"tool:ExitPlanMode"});
     EXPECT_FALSE(s.multiStepInput);
-}
 
-TEST(ReducerFailures, InterruptsEndTheTurnOtherFailuresCloseTheTool)
-{
-    Session s = run({event("UserPromptSubmit"), event("PermissionRequest", bash("make")),
-                     event("PostToolUseFailure", bash("make"))});
+    // Notifications open prompts only when none is counted.
+    s = run({event("UserPromptSubmit"), event("PermissionRequest", bash("ls")),
+             event("Notification", notification("elicitation_dialog"))});
+    EXPECT_EQ(s.openPrompts, std::vector<std::string>{"tool:Bash: ls"});
+
+    s = run({event("UserPromptSubmit"), event("Notification", notification("permission_prompt", "Allow?"))},
+            s);
+    EXPECT_EQ(s.openPrompts, std::vector<std::string>{"any"});
+    EXPECT_EQ(s.waitingFor, "Allow?");
+    EXPECT_EQ(s.status(), Status::waiting);
+
+    s = run({event("Notification", notification("idle_prompt"))}, s);
+    EXPECT_EQ(s.phase, Phase::running); // a prompt is open: not idle
+    s = run({event("PostToolUse", bash("whatever")), event("Notification", notification("idle_prompt"))}, s);
+    EXPECT_EQ(s.pendingApprovals, 0); // "any" closes with any tool
+    EXPECT_EQ(s.phase, Phase::idle);
+    // An interrupt ends the turn, any other failure closes the tool.
+    s = run({event("UserPromptSubmit"), event("PermissionRequest", bash("make")),
+             event("PostToolUseFailure", bash("make"))});
     EXPECT_EQ(s.pendingApprovals, 0);
     EXPECT_EQ(s.phase, Phase::running);
     s = run({event("PermissionRequest", bash("make")), event("PostToolUseFailure", {{"is_interrupt", true}})},

@@ -15,14 +15,11 @@ const auto at = [](int s, int micros = 0) {
 
 Session sample()
 {
-    Origin origin;
-    origin.termProgram = "iTerm.app";
-    origin.projectDir = "/Users/ana/src/app";
-    Session s("abc-123", "claude", "/Users/ana/src/app/sub", origin, ProcessRef{4242, 1773480000.25}, at(0));
-    s.title = "Fix the login";
+    Session s("abc-123", "claude", "/Users/ana/src/app/sub", {}, ProcessRef{4242, 1773480000.25}, at(0));
+    s.origin.termProgram = "iTerm.app";
+    s.title = s.headline = "Fix the login";
     s.transcriptPath = "/Users/ana/.claude/projects/x/abc-123.jsonl";
     s.seenAt = at(5, 123000);
-    s.headline = "Login fix";
     return s;
 }
 
@@ -43,9 +40,20 @@ TEST(Dates, FormatAndParseTheFixedForm)
         EXPECT_FALSE(parseIso8601(bad)) << bad;
 }
 
-TEST(SessionStatus, DerivedFromCountersAndPhase)
+TEST(SessionDerived, StatusFromCountersAndPhaseAppAndProjectFromOrigin)
 {
-    Session s("x", "claude", "/", {}, std::nullopt, at(0));
+    const Origin o({{"CLAUDE_CODE_ENTRYPOINT", "claude-vscode"},
+                    {"__CFBundleIdentifier", "com.todesktop.230313mzl4w4u92"},
+                    {"TERM_PROGRAM", ""},
+                    {"UNRELATED", "x"}},
+                   "/dev/ttys001");
+    EXPECT_EQ(o.termProgram, ""); // an empty value is kept
+    EXPECT_EQ(o.tty, "/dev/ttys001");
+    EXPECT_EQ(o.appName(), "Cursor");
+    Session s("x", "claude", "/work/proj/", o, std::nullopt, at(0));
+    EXPECT_EQ(s.projectName(), "proj");
+    EXPECT_TRUE(s.outlivesItsProcess() && !s.isBackground()); // an editor's session
+
     s.phase = Phase::running;
     s.pendingApprovals = -3; // counts as none
     EXPECT_EQ(s.status(), Status::running);
@@ -56,18 +64,6 @@ TEST(SessionStatus, DerivedFromCountersAndPhase)
     EXPECT_EQ(s.status(), Status::multiStepWaiting);
     EXPECT_EQ(statusFromRawValue("multiStepWaiting"), Status::multiStepWaiting);
     EXPECT_FALSE(statusFromRawValue("Ready"));
-}
-
-TEST(OriginTest, FromEnvironmentAndAppName)
-{
-    const Origin o({{"CLAUDE_CODE_ENTRYPOINT", "claude-vscode"},
-                    {"__CFBundleIdentifier", "com.todesktop.230313mzl4w4u92"},
-                    {"TERM_PROGRAM", ""},
-                    {"UNRELATED", "x"}},
-                   "/dev/ttys001");
-    EXPECT_EQ(o.termProgram, ""); // an empty value is kept
-    EXPECT_EQ(o.tty, "/dev/ttys001");
-    EXPECT_EQ(o.appName(), "Cursor");
 
     Origin desktop;
     desktop.termProgram = "vscode";
@@ -75,9 +71,6 @@ TEST(OriginTest, FromEnvironmentAndAppName)
     desktop.entrypoint = "claude-desktop";
     EXPECT_EQ(desktop.appName(), "Claude");
     EXPECT_EQ(Editor(std::optional<std::string>("com.microsoft.vscode")).bundleId, "com.microsoft.VSCode");
-    const Session s("x", "claude", "/work/proj/", o, std::nullopt, at(0));
-    EXPECT_EQ(s.projectName(), "proj");
-    EXPECT_TRUE(s.outlivesItsProcess() && !s.isBackground()); // an editor's session
 }
 
 TEST(SessionJson, RoundTripsWithSortedKeysAndNoNullsAndEnforcesKeysAndTypes)

@@ -47,10 +47,9 @@ class HookCommandTest : public ::testing::Test {
     {
         static std::atomic<int> runs{0};
         const std::string out = (home / ("out" + std::to_string(++runs))).string(), err = out + ".err";
-        std::vector<char*> envp;
-        for (const auto& var : vars)
-            envp.push_back(const_cast<char*>(var.c_str()));
-        envp.push_back(nullptr);
+        std::vector<char*> envp(vars.size() + 1); // ends with a null
+        std::transform(vars.begin(), vars.end(), envp.begin(),
+                       [](auto& v) { return const_cast<char*>(v.c_str()); });
         int in[2];
         if (::pipe2(in, O_CLOEXEC) != 0) throw std::runtime_error("pipe"); // so the hook sees its input end
         posix_spawn_file_actions_t actions;
@@ -76,11 +75,9 @@ class HookCommandTest : public ::testing::Test {
     // The dynamically linked hook with a preloaded shim that fails one kind of system call.
     Outcome failingHook(const std::string& fail, const std::string& payload) const
     {
-        Env failing = env;
-        failing.push_back("LD_PRELOAD=" SKELDRIN_FAIL_SHIM);
-        failing.push_back("SKELDRIN_FAIL=" + fail); // call:errno[:skip[:times]]
-        // The shim comes first in the sanitizer build.
-        failing.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
+        Env failing = env; // call:errno[:skip[:times]]; the shim comes first in the sanitizer build
+        failing.insert(failing.end(), {"LD_PRELOAD=" SKELDRIN_FAIL_SHIM, "SKELDRIN_FAIL=" + fail,
+                                       "ASAN_OPTIONS=verify_asan_link_order=0"});
         return run(failing, payload, kSharedHook);
     }
     Session session(const std::string& id) const { return decodeSession(bytes(id)); }
@@ -106,7 +103,7 @@ class HookCommandTest : public ::testing::Test {
 
 } // namespace
 
-TEST_F(HookCommandTest, RecordsEventsWithTheirContextAndFiftyAtOnceLoseNoUpdate)
+TEST_F(HookCommandTest, RecordsEventsLosesNoUpdateAndFailsQuietlyChangingNothing)
 {
     // A stand-in Claude Code process started from inside another session.
     pid_t claude;
@@ -147,14 +144,11 @@ TEST_F(HookCommandTest, RecordsEventsWithTheirContextAndFiftyAtOnceLoseNoUpdate)
     const Session shared = session("shared");
     EXPECT_EQ(shared.pendingApprovals, 25);
     EXPECT_EQ(shared.openPrompts.value_or(std::vector<std::string>{}).size(), 25u);
-    EXPECT_EQ(listing().size(), 27u); // s1, shared and 25 own, nothing left behind
+    EXPECT_EQ(listing().size(), 28u); // the lock, s1, shared and 25 own: nothing left behind
     // Without CLAUDE_PID, the walk up from the hook: spawned by this test process, which is not a shell.
     EXPECT_EQ(session("own-49").process, ProcessInspector::ref(getpid()));
-}
 
-TEST_F(HookCommandTest, BadInputAndDiskFailuresExitQuietlyAndChangeNothing)
-{
-    ASSERT_EQ(hook(event("Stop", "s1")).exitStatus, 0);
+    // Bad input and failures of the disk exit quietly and change nothing.
     const std::string before = bytes("s1"), corrupt = "{\"id\":\"s2\",\"agent\":";
     test::writeText(sessions / "s2.json", corrupt);
     const auto names = listing();
