@@ -1,6 +1,5 @@
 #include "TrackerCore/Json.h"
 #include "TrackerCore/TranscriptTail.h"
-#include "support/TempDir.h"
 #include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
@@ -103,16 +102,13 @@ TEST(TranscriptTail, InterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
 
 TEST(TranscriptTail, ReadsOnlyTheLastBytesOfTheFile)
 {
-    const test::TempDir dir("transcript");
-    const std::string data = fixture("titled-session.jsonl");
-    const auto path = dir / "t.jsonl";
-    test::writeText(path, data);
+    const std::string path = SKELDRIN_FIXTURES "/transcripts/titled-session.jsonl",
+                      data = test::readText(path);
     EXPECT_EQ(TranscriptTail::read(path, 524288), TranscriptTail::parse(data));
     // Start inside a three-byte character of the listing, the first of "✓".
     const std::size_t check = data.find("\xE2\x9C\x93");
     ASSERT_NE(check, std::string::npos);
     const auto tail = TranscriptTail::read(path, static_cast<std::int64_t>(data.size() - check - 1));
     EXPECT_EQ(tail, TranscriptTail::parse(std::string_view(data).substr(check + 1)));
-
-    EXPECT_THROW(TranscriptTail::read(dir / "missing.jsonl", 1024), std::filesystem::filesystem_error);
+    EXPECT_THROW(TranscriptTail::read(path + ".missing", 1024), std::filesystem::filesystem_error);
 }
