@@ -40,7 +40,7 @@ TEST(Dates, FormatAndParseTheFixedForm)
         EXPECT_FALSE(parseIso8601(bad)) << bad;
 }
 
-TEST(SessionDerived, StatusFromCountersAndPhaseAppAndProjectFromOrigin)
+TEST(SessionTest, StatusAppAndProjectAreDerivedAndTheFileFormatIsStrict)
 {
     const Origin o({{"CLAUDE_CODE_ENTRYPOINT", "claude-vscode"},
                     {"__CFBundleIdentifier", "com.todesktop.230313mzl4w4u92"},
@@ -71,10 +71,8 @@ TEST(SessionDerived, StatusFromCountersAndPhaseAppAndProjectFromOrigin)
     desktop.entrypoint = "claude-desktop";
     EXPECT_EQ(desktop.appName(), "Claude");
     EXPECT_EQ(Editor(std::optional<std::string>("com.microsoft.vscode")).bundleId, "com.microsoft.VSCode");
-}
 
-TEST(SessionJson, RoundTripsWithSortedKeysAndNoNullsAndEnforcesKeysAndTypes)
-{
+    // Encoded with sorted keys and no nulls; decoding enforces the required keys and types.
     const std::string text = encodeSession(sample());
     EXPECT_EQ(decodeSession(text), sample());
     EXPECT_EQ(text.find("\\/"), std::string::npos); // slashes are not escaped

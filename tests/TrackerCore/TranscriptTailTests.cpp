@@ -34,7 +34,7 @@ const char* const kStamp = "2026-03-14T10:02:31.118Z";
 
 } // namespace
 
-TEST(TranscriptTail, FixturesGiveTheirTitleInterruptAndRunningTasks)
+TEST(TranscriptTail, TitleRunningTasksAndInterruptFromTheLastBytes)
 {
     const auto interrupted = TranscriptTail::parse(fixture("interrupted-turn.jsonl"));
     EXPECT_EQ(interrupted.interruptedAt, at(kStamp));
@@ -45,10 +45,8 @@ TEST(TranscriptTail, FixturesGiveTheirTitleInterruptAndRunningTasks)
                    std::nullopt},
                   {"toolu_01Watch3Zx7Cv9Bn1Mq5Ws", at("2026-03-14T11:00:08.000Z"),
                    "Watch build log for errors", at("2026-03-14T11:10:08.000Z")}}));
-}
 
-TEST(TranscriptTail, NewestCustomTitleWinsOverEveryAiTitle)
-{
+    // The newest custom title wins over every AI title.
     const std::pair<std::string, std::optional<std::string>> cases[] = {
         {aiTitle("Older") + aiTitle("Newest") + assistantLine("hi"), "Newest"},
         {customTitle("Mine") + aiTitle("Generated"), "Mine"},
@@ -59,6 +57,17 @@ TEST(TranscriptTail, NewestCustomTitleWinsOverEveryAiTitle)
     };
     for (const auto& [bytes, title] : cases)
         EXPECT_EQ(TranscriptTail::parse(bytes).title, title) << bytes;
+
+    // Only the last bytes of the file are read.
+    const std::string path = SKELDRIN_FIXTURES "/transcripts/titled-session.jsonl",
+                      data = test::readText(path);
+    EXPECT_EQ(TranscriptTail::read(path, 524288), TranscriptTail::parse(data));
+    // Start inside a three-byte character of the listing, the first of "✓".
+    const std::size_t check = data.find("\xE2\x9C\x93");
+    ASSERT_NE(check, std::string::npos);
+    const auto tail = TranscriptTail::read(path, static_cast<std::int64_t>(data.size() - check - 1));
+    EXPECT_EQ(tail, TranscriptTail::parse(std::string_view(data).substr(check + 1)));
+    EXPECT_THROW(TranscriptTail::read(path + ".missing", 1024), std::filesystem::filesystem_error);
 }
 
 TEST(TranscriptTail, InterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
@@ -98,17 +107,4 @@ TEST(TranscriptTail, InterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
         EXPECT_EQ(TranscriptTail::parse(bytes).interruptedAt,
                   interrupted ? std::optional(at(kStamp)) : std::nullopt)
             << bytes;
-}
-
-TEST(TranscriptTail, ReadsOnlyTheLastBytesOfTheFile)
-{
-    const std::string path = SKELDRIN_FIXTURES "/transcripts/titled-session.jsonl",
-                      data = test::readText(path);
-    EXPECT_EQ(TranscriptTail::read(path, 524288), TranscriptTail::parse(data));
-    // Start inside a three-byte character of the listing, the first of "✓".
-    const std::size_t check = data.find("\xE2\x9C\x93");
-    ASSERT_NE(check, std::string::npos);
-    const auto tail = TranscriptTail::read(path, static_cast<std::int64_t>(data.size() - check - 1));
-    EXPECT_EQ(tail, TranscriptTail::parse(std::string_view(data).substr(check + 1)));
-    EXPECT_THROW(TranscriptTail::read(path + ".missing", 1024), std::filesystem::filesystem_error);
 }
