@@ -85,7 +85,7 @@ TEST(BackgroundTasks, EndsOnlyWhatANotificationOrTaskStopNamesAndListsTheOldestF
               "toolu_B toolu_A toolu_C ");
 }
 
-TEST(BackgroundTasks, ExpiryCountsFromTheStartAndTitleIsAFirstLine)
+TEST(BackgroundTasks, ExpiryCountsFromTheStartTitleIsAFirstLineAndBadLinesAreSkipped)
 {
     // A later result without expiry keeps the earlier one.
     const auto expiry = [](const std::string& text, const char* startedAt = kStart) {
@@ -115,10 +115,7 @@ TEST(BackgroundTasks, ExpiryCountsFromTheStartAndTitleIsAFirstLine)
     std::string raw = start("toolu_A", {{"run_in_background", true}, {"command", "build ? docs"}});
     raw[raw.find('?')] = '\xff';
     EXPECT_EQ(scan({raw}).at(0).title, "build \xEF\xBF\xBD docs");
-}
 
-TEST(BackgroundTasks, BadLinesAndLinesThatStartNothingAreSkipped)
-{
     // Markers match exactly; foreground, non-tool-use, id-less or input-less calls, user lines start nothing,
     // and a task whose start fell before the tail is neither announced nor ended.
     const std::string huge(2 << 20, 'y');

@@ -37,39 +37,38 @@ Session run(std::initializer_list<HookEvent> events, std::optional<Session> star
 
 } // namespace
 
-TEST(ReducerLifecycle, CreationCommonFieldsAndSessionEnd)
+TEST(ReducerLifecycle, CreatesEndsCountsApprovalsAndTouchesTimesOnlyOnAStatusChange)
 {
     HookContext c{{}, kContext.process, "parent"};
-    auto s = Reducer::apply(
+    auto created = Reducer::apply(
         event("SessionStart", {{"cwd", "/w"}, {"transcript_path", "/t.jsonl"}, {"session_title", "T"}}),
         std::nullopt, c, at(1));
     Session expected("s1", "claude", "/w", c.origin, c.process, at(1));
     expected.transcriptPath = "/t.jsonl";
     expected.title = "T";
     expected.parentId = "parent";
-    EXPECT_EQ(s, expected);
+    EXPECT_EQ(created, expected);
 
     // Own id is never its own parent; an absent process keeps the known one; any event revives.
     c.inheritedSessionId = "s1";
     c.process.reset();
-    s->endedAt = at(2);
-    s = Reducer::apply(event("Notification"), s, c, at(3));
-    EXPECT_EQ(s->parentId, "parent");
-    EXPECT_EQ(s->process, kContext.process);
-    EXPECT_FALSE(s->endedAt);
-    EXPECT_FALSE(Reducer::apply(event("SessionEnd", {{"reason", "other"}}), s, c, at(4))); // CLI session
+    created->endedAt = at(2);
+    created = Reducer::apply(event("Notification"), created, c, at(3));
+    EXPECT_EQ(created->parentId, "parent");
+    EXPECT_EQ(created->process, kContext.process);
+    EXPECT_FALSE(created->endedAt);
+    EXPECT_FALSE(
+        Reducer::apply(event("SessionEnd", {{"reason", "other"}}), created, c, at(4))); // CLI session
 
     // An editor's session outlives its process, unless it was cleared.
-    s->parentId.reset();
-    s->origin.entrypoint = "claude-vscode";
-    s->phase = Phase::running;
-    EXPECT_EQ(Reducer::apply(event("SessionEnd", {{"reason", "prompt_input_exit"}}), s, c, at(5)),
-              Reducer::processEnded(*s, at(5)));
-    EXPECT_FALSE(Reducer::apply(event("SessionEnd", {{"reason", "clear"}}), s, c, at(5)));
-}
+    created->parentId.reset();
+    created->origin.entrypoint = "claude-vscode";
+    created->phase = Phase::running;
+    EXPECT_EQ(Reducer::apply(event("SessionEnd", {{"reason", "prompt_input_exit"}}), created, c, at(5)),
+              Reducer::processEnded(*created, at(5)));
+    EXPECT_FALSE(Reducer::apply(event("SessionEnd", {{"reason", "clear"}}), created, c, at(5)));
 
-TEST(ReducerApprovals, PermissionRequestsCountAndCloseAndOnlyAStatusChangeTouchesTheTimes)
-{
+    // Permission requests count and close.
     // The prompt's first line, trimmed and cut to 120 characters.
     Session s = run({event("UserPromptSubmit", {{"prompt", "  " + std::string(121, 'a') + "\nplease"}}),
                      event("UserPromptSubmit", {{"prompt", "from a hook"}, {"source", "resume"}}),

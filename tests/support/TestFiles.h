@@ -2,7 +2,7 @@
 // Whole-file text helpers for tests.
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 
 namespace skeldrin::test {
@@ -10,9 +10,7 @@ namespace skeldrin::test {
 inline std::string readText(const std::filesystem::path& file)
 {
     std::ifstream in(file, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 inline void writeText(const std::filesystem::path& file, const std::string& text)
