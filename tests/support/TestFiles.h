@@ -2,7 +2,7 @@
 // Whole-file text helpers for tests.
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <string>
 
 namespace skeldrin::test {
@@ -10,7 +10,9 @@ namespace skeldrin::test {
 inline std::string readText(const std::filesystem::path& file)
 {
     std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
 }
 
 inline void writeText(const std::filesystem::path& file, const std::string& text)
