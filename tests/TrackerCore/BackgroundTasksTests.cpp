@@ -49,7 +49,7 @@ const auto notice = [](const std::string& body, const char* type = "user") {
 
 } // namespace
 
-TEST(BackgroundTasks, EndsOnlyWhatANotificationOrTaskStopNamesAndListsTheOldestFirst)
+TEST(BackgroundTasks, StartsEndsExpiryAndTitleOfTasksInTheTail)
 {
     const std::vector<std::string> started{
         background("toolu_A", "make docs"), result("toolu_A", "Command running in background with ID: shA1"),
@@ -83,11 +83,8 @@ TEST(BackgroundTasks, EndsOnlyWhatANotificationOrTaskStopNamesAndListsTheOldestF
                        background("toolu_A", "a", "2026-03-14T11:00:01.000Z"),
                        background("toolu_B", "b", "2026-03-14T11:00:02+01:00")}),
               "toolu_B toolu_A toolu_C ");
-}
 
-TEST(BackgroundTasks, ExpiryCountsFromTheStartTitleIsAFirstLineAndBadLinesAreSkipped)
-{
-    // A later result without expiry keeps the earlier one.
+    // Expiry counts from the start; a later result without expiry keeps the earlier one.
     const auto expiry = [](const std::string& text, const char* startedAt = kStart) {
         return scan({background("toolu_A", "x", startedAt), result("toolu_A", text), result("toolu_A", "no")})
             .at(0)

@@ -15,12 +15,11 @@ const auto notification = [](const char* type, const char* message = "m") {
     return Json{{"notification_type", type}, {"message", message}};
 };
 
-HookEvent event(std::string name, Json extra = Json::object())
-{
+const auto event = [](std::string name, Json extra = Json::object()) {
     extra["hook_event_name"] = std::move(name);
     extra["session_id"] = "s1";
     return HookEvent::fromJson(extra);
-}
+};
 
 const HookContext kContext{{}, ProcessRef{100, 1.5}, {}};
 
@@ -37,7 +36,7 @@ Session run(std::initializer_list<HookEvent> events, std::optional<Session> star
 
 } // namespace
 
-TEST(ReducerLifecycle, CreatesEndsCountsApprovalsAndTouchesTimesOnlyOnAStatusChange)
+TEST(Reducer, SessionsFollowTheirEventsFromStartToEnd)
 {
     HookContext c{{}, kContext.process, "parent"};
     auto created = Reducer::apply(
@@ -112,14 +111,12 @@ TEST(ReducerLifecycle, CreatesEndsCountsApprovalsAndTouchesTimesOnlyOnAStatusCha
     s.seenAt = at(85);
     const Session endedReady = Reducer::processEnded(s, at(90)); // a ready one is not interrupted
     EXPECT_TRUE(endedReady.seenAt == at(85) && endedReady.changedAt == at(80));
-}
 
-TEST(ReducerPrompts, QuestionsNotificationsAndFailuresOpenAndClosePrompts)
-{
+    // Questions open one prompt per call.
     const Json ask = {{"tool_name", "AskUserQuestion"},
                       {"tool_use_id", "t1"},
                       {"tool_input", {{"questions", {Json::object(), Json::object()}}}}};
-    Session s = run({event("UserPromptSubmit"), event("PreToolUse", ask), event("PermissionRequest", ask)});
+    s = run({event("UserPromptSubmit"), event("PreToolUse", ask), event("PermissionRequest", ask)});
     EXPECT_EQ(s.openPrompts, std::vector<std::string>{"call:t1"});
     EXPECT_EQ(s.waitingFor, "2 questions");
     EXPECT_EQ(s.status(), Status::multiStepWaiting);

@@ -8,9 +8,7 @@ using namespace skeldrin;
 
 namespace {
 
-const auto fixture = [](const char* name) {
-    return test::readText(SKELDRIN_FIXTURES "/transcripts/" + std::string(name));
-};
+const std::string kTranscripts = SKELDRIN_FIXTURES "/transcripts/";
 
 const auto at = [](const char* iso) { return parseIso8601(iso).value(); };
 
@@ -36,10 +34,10 @@ const char* const kStamp = "2026-03-14T10:02:31.118Z";
 
 TEST(TranscriptTail, TitleRunningTasksAndInterruptFromTheLastBytes)
 {
-    const auto interrupted = TranscriptTail::parse(fixture("interrupted-turn.jsonl"));
+    const auto interrupted = TranscriptTail::read(kTranscripts + "interrupted-turn.jsonl", 1 << 20);
     EXPECT_EQ(interrupted.interruptedAt, at(kStamp));
     EXPECT_EQ(interrupted.title, "Staging migration run");
-    EXPECT_EQ(TranscriptTail::parse(fixture("background-work.jsonl")).runningBackgroundTasks,
+    EXPECT_EQ(TranscriptTail::read(kTranscripts + "background-work.jsonl", 1 << 20).runningBackgroundTasks,
               (std::vector<TranscriptTail::BackgroundTask>{
                   {"toolu_01Audit5Fg8Hj2Kl4Mn6Pq", at("2026-03-14T11:00:06.250Z"), "Audit dependencies",
                    std::nullopt},
@@ -59,8 +57,7 @@ TEST(TranscriptTail, TitleRunningTasksAndInterruptFromTheLastBytes)
         EXPECT_EQ(TranscriptTail::parse(bytes).title, title) << bytes;
 
     // Only the last bytes of the file are read.
-    const std::string path = SKELDRIN_FIXTURES "/transcripts/titled-session.jsonl",
-                      data = test::readText(path);
+    const std::string path = kTranscripts + "titled-session.jsonl", data = test::readText(path);
     EXPECT_EQ(TranscriptTail::read(path, 524288), TranscriptTail::parse(data));
     // Start inside a three-byte character of the listing, the first of "✓".
     const std::size_t check = data.find("\xE2\x9C\x93");
@@ -68,17 +65,11 @@ TEST(TranscriptTail, TitleRunningTasksAndInterruptFromTheLastBytes)
     const auto tail = TranscriptTail::read(path, static_cast<std::int64_t>(data.size() - check - 1));
     EXPECT_EQ(tail, TranscriptTail::parse(std::string_view(data).substr(check + 1)));
     EXPECT_THROW(TranscriptTail::read(path + ".missing", 1024), std::filesystem::filesystem_error);
-}
 
-TEST(TranscriptTail, InterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
-{
+    // An interrupt counts only as the newest turn of a dated user line.
     const char* marker = "[Request interrupted by user]";
     const std::string interrupt = userLine(kStamp, "[Request interrupted by user] and then some more words");
-    const auto withContent = [](const char* content) {
-        return std::string(R"({"type":"user","timestamp":")") + kStamp + R"(","message":{"content":)" +
-               content + "}}";
-    };
-    const std::pair<std::string, bool> cases[] = {
+    const std::pair<std::string, bool> interrupts[] = {
         {interrupt, true},
         // Lines that are not turns never settle it; any newer turn line makes the interrupt history.
         {interrupt + aiTitle("t") + customTitle("c") + "{\"type\":\"system\"}\n", true},
@@ -94,8 +85,10 @@ TEST(TranscriptTail, InterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
         // A block list that would not decode gives no texts.
         {userLine(kStamp, Json::array({7, {{"type", "text"}, {"text", marker}}})), false},
         // Escapes are compared as what they decode to, and of two "content" members the later counts.
-        {withContent(R"("\u005bRequest\u0020interrupted by user]")"), true},
-        {withContent(R"("x","content":"[Request interrupted by user]")"), true},
+        {R"({"type":"user","timestamp":"2026-03-14T10:02:31.118Z","message":{"content":"\u005bRequest\u0020interrupted by user]"}})",
+         true},
+        {R"({"type":"user","timestamp":"2026-03-14T10:02:31.118Z","message":{"content":"x","content":"[Request interrupted by user]"}})",
+         true},
         // Undated or badly dated: not reported, but the turn is settled all the same.
         {userLine(kStamp, marker) + userLine("yesterday", marker), false},
         // Unknown keys and odd values elsewhere do not keep a line from being the newest turn.
@@ -103,8 +96,8 @@ TEST(TranscriptTail, InterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
         // Lines that fail to decode as a whole leave the interrupt before them the newest turn.
         {interrupt + std::string(100000, '[') + "\n\n", true},
     };
-    for (const auto& [bytes, interrupted] : cases)
+    for (const auto& [bytes, expected] : interrupts)
         EXPECT_EQ(TranscriptTail::parse(bytes).interruptedAt,
-                  interrupted ? std::optional(at(kStamp)) : std::nullopt)
+                  expected ? std::optional(at(kStamp)) : std::nullopt)
             << bytes;
 }
