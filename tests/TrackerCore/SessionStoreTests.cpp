@@ -38,7 +38,7 @@ std::string listed(const SessionStore::LoadResult& result)
 
 } // namespace
 
-TEST(SessionStore, RefusesHostileIdsLoadsUpdatesAndLeavesCorruptFilesAlone)
+TEST(SessionStore, RefusesHostileIdsLoadsUpdatesLeavesCorruptFilesAloneAndFindsItsHome)
 {
     const test::TempDir root{"skeldrin-store"};
     const fs::path dir = root / "nested/sessions";
@@ -110,10 +110,7 @@ TEST(SessionStore, RefusesHostileIdsLoadsUpdatesAndLeavesCorruptFilesAlone)
     test::writeText(dir / "bad.json", "{\"id\": \"bad\", truncated");
     EXPECT_THROW(store.remove("bad"), DecodingError);
     EXPECT_EQ(test::readText(dir / "bad.json"), "{\"id\": \"bad\", truncated");
-}
 
-TEST(Paths, HomeFromPasswdText)
-{
     // The static hook's own reading of /etc/passwd, used when $HOME is unset.
     const std::string passwd =
         "root:x:0:0:root:/root:/bin/bash\nshort:x:1000\nnohome:x:1001:1001:::/bin/sh\n"

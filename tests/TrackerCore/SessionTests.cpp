@@ -25,22 +25,7 @@ Session sample()
 
 } // namespace
 
-TEST(Dates, FormatAndParseTheFixedForm)
-{
-    // Milliseconds, truncated.
-    EXPECT_EQ(formatIso8601(at(53, 589999) + hours{9} + minutes{26}), "2026-03-14T09:26:53.589Z");
-    EXPECT_EQ(formatIso8601(distantPast()), "0001-01-01T00:00:00.000Z");
-    EXPECT_EQ(parseIso8601("2026-03-14T00:00:01.5Z"), at(1, 500000));
-    EXPECT_EQ(parseIso8601("2026-03-14T02:00:00.000+02:00"), at(0));
-    EXPECT_EQ(parseIso8601("2026-03-14T00:00:00.123456789Z"), at(0, 123456));
-    // Fractional seconds are required; anything malformed gives nothing.
-    for (const char* bad : {"2026-03-14T00:00:00Z", "2026-03-14 00:00:00.000Z", "2026-02-30T00:00:00.000Z",
-                            "2026-03-14T24:00:00.000Z", "2026-03-14T00:00:00.000",
-                            "2026-03-14T00:00:00.000Zx", "", "20260314T000000.000Z", "2026-03-14T00:00:00.Z"})
-        EXPECT_FALSE(parseIso8601(bad)) << bad;
-}
-
-TEST(SessionTest, StatusAppAndProjectAreDerivedAndTheFileFormatIsStrict)
+TEST(SessionTest, StatusAppAndProjectAreDerivedAndTheFileFormatAndItsDatesAreStrict)
 {
     const Origin o({{"CLAUDE_CODE_ENTRYPOINT", "claude-vscode"},
                     {"__CFBundleIdentifier", "com.todesktop.230313mzl4w4u92"},
@@ -103,4 +88,16 @@ TEST(SessionTest, StatusAppAndProjectAreDerivedAndTheFileFormatIsStrict)
     expected.openPrompts.reset();
     EXPECT_EQ(sessionFromJson(extra), expected);
     EXPECT_THROW(decodeSession("[]"), DecodingError);
+
+    // Milliseconds, truncated.
+    EXPECT_EQ(formatIso8601(at(53, 589999) + hours{9} + minutes{26}), "2026-03-14T09:26:53.589Z");
+    EXPECT_EQ(formatIso8601(distantPast()), "0001-01-01T00:00:00.000Z");
+    EXPECT_EQ(parseIso8601("2026-03-14T00:00:01.5Z"), at(1, 500000));
+    EXPECT_EQ(parseIso8601("2026-03-14T02:00:00.000+02:00"), at(0));
+    EXPECT_EQ(parseIso8601("2026-03-14T00:00:00.123456789Z"), at(0, 123456));
+    // Fractional seconds are required; anything malformed gives nothing.
+    for (const char* bad : {"2026-03-14T00:00:00Z", "2026-03-14 00:00:00.000Z", "2026-02-30T00:00:00.000Z",
+                            "2026-03-14T24:00:00.000Z", "2026-03-14T00:00:00.000",
+                            "2026-03-14T00:00:00.000Zx", "", "20260314T000000.000Z", "2026-03-14T00:00:00.Z"})
+        EXPECT_FALSE(parseIso8601(bad)) << bad;
 }
