@@ -39,36 +39,34 @@ Session run(std::initializer_list<HookEvent> events, std::optional<Session> star
 TEST(Reducer, SessionsFollowTheirEventsFromStartToEnd)
 {
     HookContext c{{}, kContext.process, "parent"};
-    auto created = Reducer::apply(
+    auto life = Reducer::apply(
         event("SessionStart", {{"cwd", "/w"}, {"transcript_path", "/t.jsonl"}, {"session_title", "T"}}),
         std::nullopt, c, at(1));
     Session expected("s1", "claude", "/w", c.origin, c.process, at(1));
     expected.transcriptPath = "/t.jsonl";
     expected.title = "T";
     expected.parentId = "parent";
-    EXPECT_EQ(created, expected);
+    EXPECT_EQ(life, expected);
 
     // Own id is never its own parent; an absent process keeps the known one; any event revives.
     c.inheritedSessionId = "s1";
     c.process.reset();
-    created->endedAt = at(2);
-    created = Reducer::apply(event("Notification"), created, c, at(3));
-    EXPECT_EQ(created->parentId, "parent");
-    EXPECT_EQ(created->process, kContext.process);
-    EXPECT_FALSE(created->endedAt);
-    EXPECT_FALSE(
-        Reducer::apply(event("SessionEnd", {{"reason", "other"}}), created, c, at(4))); // CLI session
+    life->endedAt = at(2);
+    life = Reducer::apply(event("Notification"), life, c, at(3));
+    EXPECT_EQ(life->parentId, "parent");
+    EXPECT_EQ(life->process, kContext.process);
+    EXPECT_FALSE(life->endedAt);
+    EXPECT_FALSE(Reducer::apply(event("SessionEnd", {{"reason", "other"}}), life, c, at(4))); // CLI session
 
     // An editor's session outlives its process, unless it was cleared.
-    created->parentId.reset();
-    created->origin.entrypoint = "claude-vscode";
-    created->phase = Phase::running;
-    EXPECT_EQ(Reducer::apply(event("SessionEnd", {{"reason", "prompt_input_exit"}}), created, c, at(5)),
-              Reducer::processEnded(*created, at(5)));
-    EXPECT_FALSE(Reducer::apply(event("SessionEnd", {{"reason", "clear"}}), created, c, at(5)));
+    life->parentId.reset();
+    life->origin.entrypoint = "claude-vscode";
+    life->phase = Phase::running;
+    EXPECT_EQ(Reducer::apply(event("SessionEnd", {{"reason", "prompt_input_exit"}}), life, c, at(5)),
+              Reducer::processEnded(*life, at(5)));
+    EXPECT_FALSE(Reducer::apply(event("SessionEnd", {{"reason", "clear"}}), life, c, at(5)));
 
-    // Permission requests count and close.
-    // The prompt's first line, trimmed and cut to 120 characters.
+    // Requests count and close; a prompt is kept as its first line, trimmed, cut to 120 characters.
     Session s = run({event("UserPromptSubmit", {{"prompt", "  " + std::string(121, 'a') + "\nplease"}}),
                      event("UserPromptSubmit", {{"prompt", "from a hook"}, {"source", "resume"}}),
                      event("PermissionRequest", bash("ls")), event("PermissionRequest", bash("ls"))});
