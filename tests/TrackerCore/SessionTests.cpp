@@ -89,7 +89,7 @@ TEST(SessionTest, StatusAppAndProjectAreDerivedAndTheFileFormatAndItsDatesAreStr
     EXPECT_EQ(sessionFromJson(extra), expected);
     EXPECT_THROW(decodeSession("[]"), DecodingError);
 
-    // Milliseconds, truncated.
+    // Dates are written with milliseconds, truncated.
     EXPECT_EQ(formatIso8601(at(53, 589999) + hours{9} + minutes{26}), "2026-03-14T09:26:53.589Z");
     EXPECT_EQ(formatIso8601(distantPast()), "0001-01-01T00:00:00.000Z");
     EXPECT_EQ(parseIso8601("2026-03-14T00:00:01.5Z"), at(1, 500000));
