@@ -1,13 +1,9 @@
 #include "TrackerCore/Json.h"
 #include "TrackerCore/TranscriptTail.h"
-#include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 using namespace skeldrin;
-using Task = TranscriptTail::BackgroundTask;
 
 namespace {
 
@@ -18,12 +14,13 @@ const auto scan = [](const std::vector<std::string>& lines) {
     return TranscriptTail::runningBackgroundTasksIn({lines.begin(), lines.end()});
 };
 
-std::vector<std::string> ids(const std::vector<Task>& tasks)
+// The ids of the tasks still running, oldest first, each followed by a space.
+std::string running(const std::vector<std::string>& lines)
 {
-    std::vector<std::string> out;
-    for (const auto& task : tasks)
-        out.push_back(task.id);
-    return out;
+    std::string ids;
+    for (const auto& task : scan(lines))
+        ids += task.id + " ";
+    return ids;
 }
 
 std::string start(const char* id, const Json& input, const char* name = "Bash",
@@ -35,10 +32,9 @@ std::string start(const char* id, const Json& input, const char* name = "Bash",
     return line.dump();
 }
 
-std::string background(const char* id, const char* command, const char* timestamp = kStart)
-{
+const auto background = [](const char* id, const char* command, const char* timestamp = kStart) {
     return start(id, {{"command", command}, {"run_in_background", true}}, "Bash", timestamp);
-}
+};
 
 const auto result = [](const char* id, const std::string& text) {
     const Json block = {{"tool_use_id", id}, {"type", "tool_result"}, {"content", text}};
@@ -53,73 +49,46 @@ const auto notice = [](const std::string& body, const char* type = "user") {
 
 } // namespace
 
-TEST(BackgroundTasks, FollowsTasksThroughAWholeSession)
-{
-    const std::string whole =
-        test::readText(std::string(SKELDRIN_FIXTURES) + "/transcripts/background-work.jsonl");
-    std::vector<std::string> lines;
-    std::istringstream in(whole);
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    const auto running = scan(lines);
-    EXPECT_EQ(running, (std::vector<Task>{
-                           {"toolu_01Audit5Fg8Hj2Kl4Mn6Pq", at("2026-03-14T11:00:06.250Z"),
-                            "Audit dependencies", std::nullopt},
-                           {"toolu_01Watch3Zx7Cv9Bn1Mq5Ws", at("2026-03-14T11:00:08.000Z"),
-                            "Watch build log for errors", at("2026-03-14T11:10:08.000Z")},
-                       }));
-    EXPECT_EQ(TranscriptTail::parse(whole).runningBackgroundTasks, running);
-}
-
-TEST(BackgroundTasks, EndsOnlyWhatANotificationOrTaskStopNames)
+TEST(BackgroundTasks, StartsEndsExpiryAndTitleOfTasksInTheTail)
 {
     const std::vector<std::string> started{
         background("toolu_A", "make docs"), result("toolu_A", "Command running in background with ID: shA1"),
         start("toolu_B", {{"description", "Watch CI"}}, "Monitor"),
         result("toolu_B", "Monitor started (task mon2, timeout 300000ms)")};
-    const std::vector<std::string> both{"toolu_A", "toolu_B"}, onlyA{"toolu_A"}, onlyB{"toolu_B"};
-    const std::pair<std::string, std::vector<std::string>> cases[] = {
-        {notice("<task-id>shA1</task-id>\n<status>completed</status>"), onlyB},
-        {notice("<tool-use-id>toolu_B</tool-use-id>\n[Monitor expired after 5m]"), onlyA},
+    const std::pair<std::string, const char*> cases[] = {
+        {"", "toolu_A toolu_B "},
+        {notice("<task-id>shA1</task-id>\n<status>completed</status>"), "toolu_B "},
+        {notice("<tool-use-id>toolu_B</tool-use-id>\n[Monitor expired after 5m]"), "toolu_A "},
         // Not a notification of an end, or not one Claude Code delivered.
-        {notice("<task-id>shA1</task-id> still going"), both},
-        {notice("<task-id>shA1</task-id><status>completed</status>", "assistant"), both},
+        {notice("<task-id>shA1</task-id> still going"), "toolu_A toolu_B "},
+        {notice("<task-id>shA1</task-id><status>completed</status>", "assistant"), "toolu_A toolu_B "},
         // A task id is looked up only among announced ids, never among tool-use ids, and vice versa.
-        {notice("<task-id>toolu_A</task-id><status>completed</status>"), both},
-        {start("toolu_S", {{"task_id", "shA1"}}, "TaskStop"), onlyB},
-        {start("toolu_S", {{"task_id", "toolu_A"}}, "TaskStop"), both},
+        {notice("<task-id>toolu_A</task-id><status>completed</status>"), "toolu_A toolu_B "},
+        {start("toolu_S", {{"task_id", "shA1"}}, "TaskStop"), "toolu_B "},
+        {start("toolu_S", {{"task_id", "toolu_A"}}, "TaskStop"), "toolu_A toolu_B "},
     };
-    EXPECT_EQ(ids(scan(started)), both);
-    for (const auto& [line, running] : cases) {
+    for (const auto& [line, ids] : cases) {
         auto lines = started;
         lines.push_back(line);
-        EXPECT_EQ(ids(scan(lines)), running) << line;
+        EXPECT_EQ(running(lines), ids) << line;
     }
-}
-
-TEST(BackgroundTasks, ResultsCountOnlyForOpenTasksOldestFirst)
-{
-    // The start fell before the tail: its result and its notification are ignored.
-    EXPECT_TRUE(
-        scan({result("toolu_gone", "with ID: x1"), notice("<task-id>x1</task-id><status>done</status>")})
-            .empty());
     // A later alias replaces an earlier one; agentId announces too.
-    EXPECT_EQ(ids(scan({background("toolu_A", "a"), background("toolu_B", "b"),
-                        result("toolu_A", "Command running in background with ID: same1"),
-                        result("toolu_B", "Async agent launched.\nagentId: same1 (internal)"),
-                        notice("<task-id>same1</task-id><status>completed</status>")})),
-              std::vector<std::string>{"toolu_A"});
+    EXPECT_EQ(running({background("toolu_A", "a"), background("toolu_B", "b"),
+                       result("toolu_A", "Command running in background with ID: same1"),
+                       result("toolu_B", "Async agent launched.\nagentId: same1 (internal)"),
+                       notice("<task-id>same1</task-id><status>completed</status>")}),
+              "toolu_A ");
     // Oldest first; no stamp, or one without fractional seconds, starts in the distant past.
-    EXPECT_EQ(ids(scan({background("toolu_C", "c", "2026-03-14T11:00:03.000Z"),
-                        background("toolu_A", "a", "2026-03-14T11:00:01.000Z"),
-                        background("toolu_B", "b", "2026-03-14T11:00:02+01:00")})),
-              (std::vector<std::string>{"toolu_B", "toolu_A", "toolu_C"}));
-}
+    EXPECT_EQ(running({background("toolu_C", "c", "2026-03-14T11:00:03.000Z"),
+                       background("toolu_A", "a", "2026-03-14T11:00:01.000Z"),
+                       background("toolu_B", "b", "2026-03-14T11:00:02+01:00")}),
+              "toolu_B toolu_A toolu_C ");
 
-TEST(BackgroundTasks, ExpiryCountsFromTheStart)
-{
+    // Expiry counts from the start; a later result without expiry keeps the earlier one.
     const auto expiry = [](const std::string& text, const char* startedAt = kStart) {
-        return scan({background("toolu_A", "x", startedAt), result("toolu_A", text)}).at(0).expiresAt;
+        return scan({background("toolu_A", "x", startedAt), result("toolu_A", text), result("toolu_A", "no")})
+            .at(0)
+            .expiresAt;
     };
     EXPECT_EQ(expiry("timeout 1500ms"), at("2026-03-14T11:00:01.500Z"));
     EXPECT_EQ(expiry("timeout 120000ms, expires in 5m"), at("2026-03-14T11:05:00.000Z"));
@@ -129,15 +98,7 @@ TEST(BackgroundTasks, ExpiryCountsFromTheStart)
     EXPECT_EQ(expiry("expires in 9000000000000000000m"), at("9999-12-31T23:59:59.999999Z"));
     EXPECT_EQ(expiry("expires in 5m", nullptr), distantPast() + std::chrono::minutes{5});
 
-    // A later result without expiry keeps the earlier one.
-    EXPECT_EQ(scan({background("toolu_A", "x"), result("toolu_A", "expires in 1m"), result("toolu_A", "no")})
-                  .at(0)
-                  .expiresAt,
-              at("2026-03-14T11:01:00.000Z"));
-}
-
-TEST(BackgroundTasks, TitleIsTheFirstLineOfDescriptionCommandOrPrompt)
-{
+    // The title is the first line of the description, the command or the prompt.
     const auto title = [](Json input) {
         input["run_in_background"] = true;
         return scan({start("toolu_A", input, "Task")}).at(0).title;
@@ -151,14 +112,13 @@ TEST(BackgroundTasks, TitleIsTheFirstLineOfDescriptionCommandOrPrompt)
     std::string raw = start("toolu_A", {{"run_in_background", true}, {"command", "build ? docs"}});
     raw[raw.find('?')] = '\xff';
     EXPECT_EQ(scan({raw}).at(0).title, "build \xEF\xBF\xBD docs");
-}
 
-TEST(BackgroundTasks, BadLinesAndLinesThatStartNothingAreSkipped)
-{
-    // Markers match exactly; foreground, non-tool-use, id-less or input-less calls, user lines start nothing.
+    // Markers match exactly; foreground, non-tool-use, id-less or input-less calls, user lines start nothing,
+    // and a task whose start fell before the tail is neither announced nor ended.
     const std::string huge(2 << 20, 'y');
-    const auto tasks = scan(
-        {R"({"type":"assistant","message":{"content":[{"type":"tool_use","id":"toolu_X","name":"Bash","input":{"run_in_background": true}}]}})",
+    const auto tasks = running(
+        {result("toolu_gone", "with ID: x1"), notice("<task-id>x1</task-id><status>done</status>"),
+         R"({"type":"assistant","message":{"content":[{"type":"tool_use","id":"toolu_X","name":"Bash","input":{"run_in_background": true}}]}})",
          start("toolu_B", {{"run_in_background", false}, {"command", "ls"}}),
          R"({"type":"assistant","message":{"content":[{"type":"server_tool_use","id":"s1","name":"Monitor","input":{}},{"type":"tool_use","id":"t1","name":"Monitor"}]}})",
          R"({"type":"user","message":{"content":[{"type":"tool_use","id":"toolu_C","name":"Monitor","input":{}}]}})",
@@ -169,5 +129,5 @@ TEST(BackgroundTasks, BadLinesAndLinesThatStartNothingAreSkipped)
          R"({"type":5,"message":{"content":5},"name":"TaskStop"})",
          result("toolu_A", "\"tool_use_id\":\"" + std::string(100000, 'z') + "\" with ID: " + huge),
          notice("<task-id>" + std::string(100000, 'z') + "</task-id><status>done</status>")});
-    EXPECT_EQ(ids(tasks), std::vector<std::string>{"toolu_A"});
+    EXPECT_EQ(tasks, "toolu_A ");
 }

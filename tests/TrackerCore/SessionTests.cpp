@@ -15,37 +15,30 @@ const auto at = [](int s, int micros = 0) {
 
 Session sample()
 {
-    Origin origin;
-    origin.termProgram = "iTerm.app";
-    origin.projectDir = "/Users/ana/src/app";
-    Session s("abc-123", "claude", "/Users/ana/src/app/sub", origin, ProcessRef{4242, 1773480000.25}, at(0));
-    s.title = "Fix the login";
+    Session s("abc-123", "claude", "/Users/ana/src/app/sub", {}, ProcessRef{4242, 1773480000.25}, at(0));
+    s.origin.termProgram = "iTerm.app";
+    s.title = s.headline = "Fix the login";
     s.transcriptPath = "/Users/ana/.claude/projects/x/abc-123.jsonl";
     s.seenAt = at(5, 123000);
-    s.headline = "Login fix";
     return s;
 }
 
 } // namespace
 
-TEST(Dates, FormatAndParseTheFixedForm)
+TEST(SessionTest, StatusAppAndProjectAreDerivedAndTheFileFormatAndItsDatesAreStrict)
 {
-    // Milliseconds, truncated.
-    EXPECT_EQ(formatIso8601(at(53, 589999) + hours{9} + minutes{26}), "2026-03-14T09:26:53.589Z");
-    EXPECT_EQ(formatIso8601(distantPast()), "0001-01-01T00:00:00.000Z");
-    EXPECT_EQ(parseIso8601("2026-03-14T00:00:01.5Z"), at(1, 500000));
-    EXPECT_EQ(parseIso8601("2026-03-14T02:00:00.000+02:00"), at(0));
-    EXPECT_EQ(parseIso8601("2026-03-14T00:00:00.123456789Z"), at(0, 123456));
-    // Fractional seconds are required; anything malformed gives nothing.
-    for (const char* bad : {"2026-03-14T00:00:00Z", "2026-03-14 00:00:00.000Z", "2026-02-30T00:00:00.000Z",
-                            "2026-03-14T24:00:00.000Z", "2026-03-14T00:00:00.000",
-                            "2026-03-14T00:00:00.000Zx", "", "20260314T000000.000Z", "2026-03-14T00:00:00.Z"})
-        EXPECT_FALSE(parseIso8601(bad)) << bad;
-}
+    const Origin o({{"CLAUDE_CODE_ENTRYPOINT", "claude-vscode"},
+                    {"__CFBundleIdentifier", "com.todesktop.230313mzl4w4u92"},
+                    {"TERM_PROGRAM", ""},
+                    {"UNRELATED", "x"}},
+                   "/dev/ttys001");
+    EXPECT_EQ(o.termProgram, ""); // an empty value is kept
+    EXPECT_EQ(o.tty, "/dev/ttys001");
+    EXPECT_EQ(o.appName(), "Cursor");
+    Session s("x", "claude", "/work/proj/", o, std::nullopt, at(0));
+    EXPECT_EQ(s.projectName(), "proj");
+    EXPECT_TRUE(s.outlivesItsProcess() && !s.isBackground()); // an editor's session
 
-TEST(SessionStatus, DerivedFromCountersAndPhase)
-{
-    Session s("x", "claude", "/", {}, std::nullopt, at(0));
     s.phase = Phase::running;
     s.pendingApprovals = -3; // counts as none
     EXPECT_EQ(s.status(), Status::running);
@@ -56,18 +49,6 @@ TEST(SessionStatus, DerivedFromCountersAndPhase)
     EXPECT_EQ(s.status(), Status::multiStepWaiting);
     EXPECT_EQ(statusFromRawValue("multiStepWaiting"), Status::multiStepWaiting);
     EXPECT_FALSE(statusFromRawValue("Ready"));
-}
-
-TEST(OriginTest, FromEnvironmentAndAppName)
-{
-    const Origin o({{"CLAUDE_CODE_ENTRYPOINT", "claude-vscode"},
-                    {"__CFBundleIdentifier", "com.todesktop.230313mzl4w4u92"},
-                    {"TERM_PROGRAM", ""},
-                    {"UNRELATED", "x"}},
-                   "/dev/ttys001");
-    EXPECT_EQ(o.termProgram, ""); // an empty value is kept
-    EXPECT_EQ(o.tty, "/dev/ttys001");
-    EXPECT_EQ(o.appName(), "Cursor");
 
     Origin desktop;
     desktop.termProgram = "vscode";
@@ -75,25 +56,14 @@ TEST(OriginTest, FromEnvironmentAndAppName)
     desktop.entrypoint = "claude-desktop";
     EXPECT_EQ(desktop.appName(), "Claude");
     EXPECT_EQ(Editor(std::optional<std::string>("com.microsoft.vscode")).bundleId, "com.microsoft.VSCode");
-    const Session s("x", "claude", "/work/proj/", o, std::nullopt, at(0));
-    EXPECT_EQ(s.projectName(), "proj");
-    EXPECT_TRUE(s.outlivesItsProcess() && !s.isBackground()); // an editor's session
-}
 
-TEST(SessionJson, RoundTripsWithSortedKeysAndNoNulls)
-{
-    const Session s = sample();
-    const std::string text = encodeSession(s);
-    EXPECT_EQ(decodeSession(text), s);
-    EXPECT_NE(text.find("\"transcriptPath\": \"/Users/ana/.claude/projects/x/abc-123.jsonl\""),
-              std::string::npos)
-        << "slashes must not be escaped";
+    // Encoded with sorted keys and no nulls; decoding enforces the required keys and types.
+    const std::string text = encodeSession(sample());
+    EXPECT_EQ(decodeSession(text), sample());
+    EXPECT_EQ(text.find("\\/"), std::string::npos); // slashes are not escaped
     EXPECT_EQ(text.find("null"), std::string::npos);
     EXPECT_LT(text.find("\"agent\""), text.find("\"approvalsThisTurn\""));
-}
 
-TEST(SessionJson, RequiredKeysAndTypesAreEnforced)
-{
     const Json good = toJson(sample());
     for (const char* key : {"id", "agent", "cwd", "phase", "pendingApprovals", "approvalsThisTurn",
                             "multiStepInput", "origin", "startedAt", "changedAt"}) {
@@ -118,4 +88,16 @@ TEST(SessionJson, RequiredKeysAndTypesAreEnforced)
     expected.openPrompts.reset();
     EXPECT_EQ(sessionFromJson(extra), expected);
     EXPECT_THROW(decodeSession("[]"), DecodingError);
+
+    // Dates are written with milliseconds, truncated.
+    EXPECT_EQ(formatIso8601(at(53, 589999) + hours{9} + minutes{26}), "2026-03-14T09:26:53.589Z");
+    EXPECT_EQ(formatIso8601(distantPast()), "0001-01-01T00:00:00.000Z");
+    EXPECT_EQ(parseIso8601("2026-03-14T00:00:01.5Z"), at(1, 500000));
+    EXPECT_EQ(parseIso8601("2026-03-14T02:00:00.000+02:00"), at(0));
+    EXPECT_EQ(parseIso8601("2026-03-14T00:00:00.123456789Z"), at(0, 123456));
+    // Fractional seconds are required; anything malformed gives nothing.
+    for (const char* bad : {"2026-03-14T00:00:00Z", "2026-03-14 00:00:00.000Z", "2026-02-30T00:00:00.000Z",
+                            "2026-03-14T24:00:00.000Z", "2026-03-14T00:00:00.000",
+                            "2026-03-14T00:00:00.000Zx", "", "20260314T000000.000Z", "2026-03-14T00:00:00.Z"})
+        EXPECT_FALSE(parseIso8601(bad)) << bad;
 }

@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
-#include <set>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <thread>
@@ -47,10 +46,9 @@ class HookCommandTest : public ::testing::Test {
     {
         static std::atomic<int> runs{0};
         const std::string out = (home / ("out" + std::to_string(++runs))).string(), err = out + ".err";
-        std::vector<char*> envp;
-        for (const auto& var : vars)
-            envp.push_back(const_cast<char*>(var.c_str()));
-        envp.push_back(nullptr);
+        std::vector<char*> envp(vars.size() + 1); // ends with a null
+        std::transform(vars.begin(), vars.end(), envp.begin(),
+                       [](auto& v) { return const_cast<char*>(v.c_str()); });
         int in[2];
         if (::pipe2(in, O_CLOEXEC) != 0) throw std::runtime_error("pipe"); // so the hook sees its input end
         posix_spawn_file_actions_t actions;
@@ -76,22 +74,14 @@ class HookCommandTest : public ::testing::Test {
     // The dynamically linked hook with a preloaded shim that fails one kind of system call.
     Outcome failingHook(const std::string& fail, const std::string& payload) const
     {
-        Env failing = env;
-        failing.push_back("LD_PRELOAD=" SKELDRIN_FAIL_SHIM);
-        failing.push_back("SKELDRIN_FAIL=" + fail); // call:errno[:skip[:times]]
-        // The shim comes first in the sanitizer build.
-        failing.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
+        Env failing = env; // call:errno[:skip[:times]]; the shim comes first in the sanitizer build
+        failing.insert(failing.end(), {"LD_PRELOAD=" SKELDRIN_FAIL_SHIM, "SKELDRIN_FAIL=" + fail,
+                                       "ASAN_OPTIONS=verify_asan_link_order=0"});
         return run(failing, payload, kSharedHook);
     }
     Session session(const std::string& id) const { return decodeSession(bytes(id)); }
     std::string bytes(const std::string& id) const { return test::readText(sessions / (id + ".json")); }
-    std::set<std::string> listing() const
-    {
-        std::set<std::string> names;
-        for (std::error_code none; const auto& e : fs::directory_iterator(sessions, none))
-            names.insert(e.path().filename());
-        return names;
-    }
+    long files() const { return std::distance(fs::directory_iterator(sessions), {}); }
     static std::string event(const std::string& name, const std::string& id, const std::string& extra = "")
     {
         return R"({"hook_event_name":")" + name + R"(","session_id":")" + id + R"(","cwd":"/work/project")" +
@@ -106,7 +96,7 @@ class HookCommandTest : public ::testing::Test {
 
 } // namespace
 
-TEST_F(HookCommandTest, RecordsAnEventWithItsContextAfterReadingAllOfIt)
+TEST_F(HookCommandTest, RecordsEventsLosesNoUpdateAndFailsQuietlyChangingNothing)
 {
     // A stand-in Claude Code process started from inside another session.
     pid_t claude;
@@ -114,8 +104,10 @@ TEST_F(HookCommandTest, RecordsAnEventWithItsContextAfterReadingAllOfIt)
     char* argv[] = {sleepPath, seconds, nullptr};
     char* envp[] = {parent, nullptr};
     ASSERT_EQ(posix_spawn(&claude, "/bin/sleep", nullptr, nullptr, argv, envp), 0);
-    env.push_back("CLAUDE_PID=" + std::to_string(claude));
-    const auto r = hook(event("UserPromptSubmit", "s1",
+    Env withClaude = env;
+    withClaude.push_back("CLAUDE_PID=" + std::to_string(claude));
+    const auto r =
+        run(withClaude, event("UserPromptSubmit", "s1",
                               R"(,"prompt":"fix the build","transcript_path":"/t.jsonl","tool_response":")" +
                                   std::string(5 << 20, 'x') + "\""));
     kill(claude, SIGKILL);
@@ -127,49 +119,41 @@ TEST_F(HookCommandTest, RecordsAnEventWithItsContextAfterReadingAllOfIt)
     EXPECT_EQ(s.transcriptPath, "/t.jsonl");
     EXPECT_EQ(s.process.value_or(ProcessRef{}).pid, claude);
     EXPECT_EQ(s.parentId, "parent-7");
-}
 
-TEST_F(HookCommandTest, FiftyHooksAtOnceLoseNoUpdate)
-{
-    constexpr int kShared = 25, kOwn = 25;
-    std::vector<Outcome> outcomes(kShared + kOwn);
+    // Half of them on one session, half each on its own.
+    std::vector<Outcome> outcomes(50);
     std::vector<std::thread> threads;
-    for (int i = 0; i < kShared + kOwn; ++i)
+    for (int i = 0; i < 50; ++i)
         threads.emplace_back([&, i] {
             const std::string command =
                 R"(,"tool_name":"Bash","tool_input":{"command":"make )" + std::to_string(i);
-            outcomes[i] = hook(i < kShared ? event("PermissionRequest", "shared", command + "\"}")
-                                           : event("UserPromptSubmit", "own-" + std::to_string(i)));
+            outcomes[i] = hook(i < 25 ? event("PermissionRequest", "shared", command + "\"}")
+                                      : event("UserPromptSubmit", "own-" + std::to_string(i)));
         });
     for (auto& t : threads)
         t.join();
-    for (const auto& r : outcomes)
-        EXPECT_EQ(r.out + r.err, "");
+    for (const auto& o : outcomes)
+        EXPECT_EQ(o.out + o.err, "");
     const Session shared = session("shared");
-    EXPECT_EQ(shared.pendingApprovals, kShared);
-    EXPECT_EQ(shared.openPrompts.value_or(std::vector<std::string>{}).size(), std::size_t{kShared});
-    for (int i = kShared; i < kShared + kOwn; ++i)
-        EXPECT_TRUE(fs::exists(sessions / ("own-" + std::to_string(i) + ".json"))) << i;
+    EXPECT_EQ(shared.pendingApprovals, 25);
+    EXPECT_EQ(shared.openPrompts.value_or(std::vector<std::string>{}).size(), 25u);
+    EXPECT_EQ(files(), 28); // the lock, s1, shared and 25 own: nothing left behind
     // Without CLAUDE_PID, the walk up from the hook: spawned by this test process, which is not a shell.
     EXPECT_EQ(session("own-49").process, ProcessInspector::ref(getpid()));
-}
 
-TEST_F(HookCommandTest, BadInputAndDiskFailuresExitQuietlyAndChangeNothing)
-{
-    ASSERT_EQ(hook(event("Stop", "s1")).exitStatus, 0);
+    // Bad input and failures of the disk exit quietly and change nothing.
     const std::string before = bytes("s1"), corrupt = "{\"id\":\"s2\",\"agent\":";
     test::writeText(sessions / "s2.json", corrupt);
-    const auto names = listing();
+    const long count = files();
     const auto e = [](int error) { return ":" + std::to_string(error); };
     const std::string prompt = event("UserPromptSubmit", "s1");
     // The call the shim fails (none: the plain hook), and the payload.
     std::vector<std::pair<std::string, std::string>> cases;
     for (const std::string bad :
-         {"", R"({"hook_event_name":"Stop","session_id":"s3")", R"(["hook_event_name"])",
+         {R"({"hook_event_name":"Stop","session_id":"s3")", R"(["hook_event_name"])",
           R"({"hook_event_name":"Stop","cwd":"/x"})", R"({"session_id":"s4"})",
           R"({"hook_event_name":"Stop","session_id":"s4","tool_input":{"questions":{}}})",
           R"({"hook_event_name":"Stop","session_id":"s1","cwd":false})",
-          "{\"hook_event_name\":\"Stop\",\"session_id\":\"s\xff\"}",
           R"({"hook_event_name":"Stop","session_id":"../x"})"})
         cases.emplace_back("", bad);
     cases.emplace_back("", event("UserPromptSubmit", "s2"));
@@ -180,7 +164,7 @@ TEST_F(HookCommandTest, BadInputAndDiskFailuresExitQuietlyAndChangeNothing)
     for (const auto& [fail, payload] : cases) {
         SCOPED_TRACE(fail + " " + payload);
         EXPECT_TRUE((fail.empty() ? hook(payload) : failingHook(fail, payload)).failedQuietly());
-        EXPECT_EQ(listing(), names); // nothing torn, lost or left behind
+        EXPECT_EQ(files(), count); // nothing torn, lost or left behind
         EXPECT_EQ(bytes("s1"), before);
     }
     EXPECT_EQ(bytes("s2"), corrupt);
@@ -191,7 +175,7 @@ TEST_F(HookCommandTest, BadInputAndDiskFailuresExitQuietlyAndChangeNothing)
     ASSERT_TRUE(terminal >= 0 && grantpt(terminal) == 0 && unlockpt(terminal) == 0);
     EXPECT_TRUE(run(env, "", kHook, ptsname(terminal)).failedQuietly());
     close(terminal);
-    EXPECT_EQ(listing(), names);
+    EXPECT_EQ(files(), count);
     // An interrupted wait for the lock is retried.
     const auto retried = failingHook("flock" + e(EINTR) + ":0:3", prompt);
     EXPECT_EQ(retried.out + retried.err, "");

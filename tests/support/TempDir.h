@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 
 namespace skeldrin::test {
 
