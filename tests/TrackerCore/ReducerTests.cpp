@@ -36,7 +36,7 @@ Session run(std::initializer_list<HookEvent> events, std::optional<Session> star
 
 } // namespace
 
-TEST(Reducer, SessionsFollowTheirEventsFromStartToEnd)
+TEST(Reducer, SessionsStartReviveAndEndByTheirOrigin)
 {
     HookContext c{{}, kContext.process, "parent"};
     auto life = Reducer::apply(
@@ -65,7 +65,10 @@ TEST(Reducer, SessionsFollowTheirEventsFromStartToEnd)
     EXPECT_EQ(Reducer::apply(event("SessionEnd", {{"reason", "prompt_input_exit"}}), life, c, at(5)),
               Reducer::processEnded(*life, at(5)));
     EXPECT_FALSE(Reducer::apply(event("SessionEnd", {{"reason", "clear"}}), life, c, at(5)));
+}
 
+TEST(Reducer, ApprovalsCountAndCloseWithinATurn)
+{
     // Requests count and close; a prompt is kept as its first line, trimmed, cut to 120 characters.
     Session s = run({event("UserPromptSubmit", {{"prompt", "  " + std::string(121, 'a') + "\nplease"}}),
                      event("UserPromptSubmit", {{"prompt", "from a hook"}, {"source", "resume"}}),
@@ -91,8 +94,12 @@ TEST(Reducer, SessionsFollowTheirEventsFromStartToEnd)
         {event("PermissionRequest", {{"tool_name", "Edit"}, {"tool_input", {{"file_path", "/src/m.c"}}}})},
         s);
     EXPECT_EQ(s.waitingFor, "Edit: m.c"); // a file tool is described by its file's name
+}
 
-    // Only a change of status touches the times.
+TEST(Reducer, OnlyAStatusChangeTouchesTheTimes)
+{
+    const Json edit = {{"tool_name", "Edit"}, {"tool_input", {{"file_path", "/src/m.c"}}}};
+    Session s = run({event("UserPromptSubmit"), event("PermissionRequest", edit)});
     s.seenAt = s.dismissedAt = at(50);
     const Session before = s;
     s = *Reducer::apply(event("PreToolUse", bash("ls")), s, kContext, at(60)); // still waiting
@@ -109,12 +116,15 @@ TEST(Reducer, SessionsFollowTheirEventsFromStartToEnd)
     s.seenAt = at(85);
     const Session endedReady = Reducer::processEnded(s, at(90)); // a ready one is not interrupted
     EXPECT_TRUE(endedReady.seenAt == at(85) && endedReady.changedAt == at(80));
+}
 
+TEST(Reducer, QuestionsAndNotificationsOpenPromptsThatToolsAndFailuresClose)
+{
     // Questions open one prompt per call.
     const Json ask = {{"tool_name", "AskUserQuestion"},
                       {"tool_use_id", "t1"},
                       {"tool_input", {{"questions", {Json::object(), Json::object()}}}}};
-    s = run({event("UserPromptSubmit"), event("PreToolUse", ask), event("PermissionRequest", ask)});
+    Session s = run({event("UserPromptSubmit"), event("PreToolUse", ask), event("PermissionRequest", ask)});
     EXPECT_EQ(s.openPrompts, std::vector<std::string>{"call:t1"});
     EXPECT_EQ(s.waitingFor, "2 questions");
     EXPECT_EQ(s.status(), Status::multiStepWaiting);
