@@ -36,13 +36,17 @@ std::string listed(const SessionStore::LoadResult& result)
                            [](auto all, auto id) { return all + id + " "; });
 }
 
-} // namespace
-
-TEST(SessionStore, RefusesHostileIdsLoadsUpdatesLeavesCorruptFilesAloneAndFindsItsHome)
-{
+class SessionStoreTest : public ::testing::Test {
+  protected:
     const test::TempDir root{"skeldrin-store"};
     const fs::path dir = root / "nested/sessions";
     const SessionStore store{dir};
+};
+
+} // namespace
+
+TEST_F(SessionStoreTest, RefusesHostileIdsBeforeTouchingTheDisk)
+{
     for (const std::string id : {"../x", "a/b", "a b", "", "x.json", "\xff\xfe"}) {
         EXPECT_FALSE(SessionStore::isValidSessionId(id)) << id;
         EXPECT_THROW(store.remove(id), SessionStoreError);
@@ -51,7 +55,10 @@ TEST(SessionStore, RefusesHostileIdsLoadsUpdatesLeavesCorruptFilesAloneAndFindsI
     for (const std::string id :
          {"0b7c9e5a-1f2d-4c3b-9a8e-7d6f5e4c3b2a", "under_score", "\u00e9t\u00e9", "e\u0301"})
         EXPECT_TRUE(SessionStore::isValidSessionId(id)) << id;
+}
 
+TEST_F(SessionStoreTest, LoadsFollowEveryChangeAndSkipWhatIsNotASessionFile)
+{
     EXPECT_EQ(listed(store.loadAll()), "");
     EXPECT_TRUE(fs::is_directory(dir));
 
@@ -78,7 +85,10 @@ TEST(SessionStore, RefusesHostileIdsLoadsUpdatesLeavesCorruptFilesAloneAndFindsI
     test::writeText(dir / ".a.json.tmp", "{half a file"); // left by a killed writer
     fs::create_directories(dir / "folder.json");
     EXPECT_EQ(listed(store.loadAll()), "!folder.json !x.json a/two ");
+}
 
+TEST_F(SessionStoreTest, UpdatesWriteOnlyChangesAndAFailingBodyOrCorruptFileChangesNothing)
+{
     // Creates, updates, rewrites only what changed, and removes.
     store.update("s1", [](const std::optional<Session>& current) {
         EXPECT_FALSE(current);
@@ -110,7 +120,10 @@ TEST(SessionStore, RefusesHostileIdsLoadsUpdatesLeavesCorruptFilesAloneAndFindsI
     test::writeText(dir / "bad.json", "{\"id\": \"bad\", truncated");
     EXPECT_THROW(store.remove("bad"), DecodingError);
     EXPECT_EQ(test::readText(dir / "bad.json"), "{\"id\": \"bad\", truncated");
+}
 
+TEST(Paths, HomeFromPasswdText)
+{
     // The static hook's own reading of /etc/passwd, used when $HOME is unset.
     const std::string passwd =
         "root:x:0:0:root:/root:/bin/bash\nshort:x:1000\nnohome:x:1001:1001:::/bin/sh\n"
