@@ -49,7 +49,7 @@ const auto notice = [](const std::string& body, const char* type = "user") {
 
 } // namespace
 
-TEST(BackgroundTasks, StartsEndsExpiryAndTitleOfTasksInTheTail)
+TEST(BackgroundTasks, EndOnlyWhenANotificationOrTaskStopNamesThem)
 {
     const std::vector<std::string> started{
         background("toolu_A", "make docs"), result("toolu_A", "Command running in background with ID: shA1"),
@@ -83,7 +83,10 @@ TEST(BackgroundTasks, StartsEndsExpiryAndTitleOfTasksInTheTail)
                        background("toolu_A", "a", "2026-03-14T11:00:01.000Z"),
                        background("toolu_B", "b", "2026-03-14T11:00:02+01:00")}),
               "toolu_B toolu_A toolu_C ");
+}
 
+TEST(BackgroundTasks, ExpiryCountsFromTheStartAndTheTitleFromTheFirstLine)
+{
     // Expiry counts from the start; a later result without expiry keeps the earlier one.
     const auto expiry = [](const std::string& text, const char* startedAt = kStart) {
         return scan({background("toolu_A", "x", startedAt), result("toolu_A", text), result("toolu_A", "no")})
@@ -112,7 +115,10 @@ TEST(BackgroundTasks, StartsEndsExpiryAndTitleOfTasksInTheTail)
     std::string raw = start("toolu_A", {{"run_in_background", true}, {"command", "build ? docs"}});
     raw[raw.find('?')] = '\xff';
     EXPECT_EQ(scan({raw}).at(0).title, "build \xEF\xBF\xBD docs");
+}
 
+TEST(BackgroundTasks, BadLinesAndLinesThatStartNothingAreSkipped)
+{
     // Markers match exactly; foreground, non-tool-use, id-less or input-less calls, user lines start nothing,
     // and a task whose start fell before the tail is neither announced nor ended.
     const std::string huge(2 << 20, 'y');

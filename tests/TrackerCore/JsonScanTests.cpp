@@ -39,7 +39,7 @@ const auto scans = [](std::string_view text) {
 
 } // namespace
 
-TEST(JsonScan, AcceptsExactlyWhatAFullParserAcceptsWholeOrStreamed)
+TEST(JsonScan, AcceptsExactlyWhatAFullParserAccepts)
 {
     // Every case is an object wrapping the interesting part, so shape is never the reason.
     const std::string cases[] = {R"("a\"b\\c\/\b\f\n\r\t")", R"("\u00e9\uD83D\uDE00\uDBFF\uDFFF")",
@@ -67,7 +67,10 @@ TEST(JsonScan, AcceptsExactlyWhatAFullParserAcceptsWholeOrStreamed)
                 EXPECT_EQ(scans(doc), Json::accept(doc)) << doc;
         }
     }
+}
 
+TEST(HookEventDecoding, StreamedDecodeMatchesAFullDecode)
+{
     // A hook event decoded as it streams in matches a full decode, over text with every kind of
     // character a tool's input or output carries, longer than the scan buffer.
     std::string text = "\"";

@@ -25,7 +25,7 @@ Session sample()
 
 } // namespace
 
-TEST(SessionTest, StatusAppAndProjectAreDerivedAndTheFileFormatAndItsDatesAreStrict)
+TEST(SessionTest, StatusAppAndProjectAreDerived)
 {
     const Origin o({{"CLAUDE_CODE_ENTRYPOINT", "claude-vscode"},
                     {"__CFBundleIdentifier", "com.todesktop.230313mzl4w4u92"},
@@ -56,7 +56,10 @@ TEST(SessionTest, StatusAppAndProjectAreDerivedAndTheFileFormatAndItsDatesAreStr
     desktop.entrypoint = "claude-desktop";
     EXPECT_EQ(desktop.appName(), "Claude");
     EXPECT_EQ(Editor(std::optional<std::string>("com.microsoft.vscode")).bundleId, "com.microsoft.VSCode");
+}
 
+TEST(SessionTest, FileFormatHasSortedKeysNoNullsAndStrictTypes)
+{
     // Encoded with sorted keys and no nulls; decoding enforces the required keys and types.
     const std::string text = encodeSession(sample());
     EXPECT_EQ(decodeSession(text), sample());
@@ -88,7 +91,10 @@ TEST(SessionTest, StatusAppAndProjectAreDerivedAndTheFileFormatAndItsDatesAreStr
     expected.openPrompts.reset();
     EXPECT_EQ(sessionFromJson(extra), expected);
     EXPECT_THROW(decodeSession("[]"), DecodingError);
+}
 
+TEST(Dates, FormatAndParseTheFixedForm)
+{
     // Dates are written with milliseconds, truncated.
     EXPECT_EQ(formatIso8601(at(53, 589999) + hours{9} + minutes{26}), "2026-03-14T09:26:53.589Z");
     EXPECT_EQ(formatIso8601(distantPast()), "0001-01-01T00:00:00.000Z");

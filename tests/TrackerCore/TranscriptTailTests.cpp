@@ -32,7 +32,7 @@ const char* const kStamp = "2026-03-14T10:02:31.118Z";
 
 } // namespace
 
-TEST(TranscriptTail, TitleRunningTasksAndInterruptFromTheLastBytes)
+TEST(TranscriptTail, FixturesGiveTheirTitleTasksAndInterruptAndTheNewestCustomTitleWins)
 {
     const auto interrupted = TranscriptTail::read(kTranscripts + "interrupted-turn.jsonl", 1 << 20);
     EXPECT_EQ(interrupted.interruptedAt, at(kStamp));
@@ -55,7 +55,10 @@ TEST(TranscriptTail, TitleRunningTasksAndInterruptFromTheLastBytes)
     };
     for (const auto& [bytes, title] : cases)
         EXPECT_EQ(TranscriptTail::parse(bytes).title, title) << bytes;
+}
 
+TEST(TranscriptTail, OnlyTheLastBytesAreRead)
+{
     // Only the last bytes of the file are read.
     const std::string path = kTranscripts + "titled-session.jsonl", data = test::readText(path);
     EXPECT_EQ(TranscriptTail::read(path, 524288), TranscriptTail::parse(data));
@@ -65,8 +68,10 @@ TEST(TranscriptTail, TitleRunningTasksAndInterruptFromTheLastBytes)
     const auto tail = TranscriptTail::read(path, static_cast<std::int64_t>(data.size() - check - 1));
     EXPECT_EQ(tail, TranscriptTail::parse(std::string_view(data).substr(check + 1)));
     EXPECT_THROW(TranscriptTail::read(path + ".missing", 1024), std::filesystem::filesystem_error);
+}
 
-    // An interrupt counts only as the newest turn of a dated user line.
+TEST(TranscriptTail, AnInterruptCountsOnlyAsTheNewestTurnOfADatedUserLine)
+{
     const char* marker = "[Request interrupted by user]";
     const std::string interrupt = userLine(kStamp, "[Request interrupted by user] and then some more words");
     const std::pair<std::string, bool> interrupts[] = {
