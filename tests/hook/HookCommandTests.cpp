@@ -96,7 +96,7 @@ class HookCommandTest : public ::testing::Test {
 
 } // namespace
 
-TEST_F(HookCommandTest, RecordsEventsLosesNoUpdateAndFailsQuietlyChangingNothing)
+TEST_F(HookCommandTest, RecordsTheEventWithItsProcessTerminalAndParent)
 {
     // A stand-in Claude Code process started from inside another session.
     pid_t claude;
@@ -119,7 +119,10 @@ TEST_F(HookCommandTest, RecordsEventsLosesNoUpdateAndFailsQuietlyChangingNothing
     EXPECT_EQ(s.transcriptPath, "/t.jsonl");
     EXPECT_EQ(s.process.value_or(ProcessRef{}).pid, claude);
     EXPECT_EQ(s.parentId, "parent-7");
+}
 
+TEST_F(HookCommandTest, FiftyHooksAtOnceLoseNoUpdate)
+{
     // Half of them on one session, half each on its own.
     std::vector<Outcome> outcomes(50);
     std::vector<std::thread> threads;
@@ -137,16 +140,19 @@ TEST_F(HookCommandTest, RecordsEventsLosesNoUpdateAndFailsQuietlyChangingNothing
     const Session shared = session("shared");
     EXPECT_EQ(shared.pendingApprovals, 25);
     EXPECT_EQ(shared.openPrompts.value_or(std::vector<std::string>{}).size(), 25u);
-    EXPECT_EQ(files(), 28); // the lock, s1, shared and 25 own: nothing left behind
+    EXPECT_EQ(files(), 27); // the lock, shared and 25 own: nothing left behind
     // Without CLAUDE_PID, the walk up from the hook: spawned by this test process, which is not a shell.
     EXPECT_EQ(session("own-49").process, ProcessInspector::ref(getpid()));
+}
 
-    // Bad input and failures of the disk exit quietly and change nothing.
+TEST_F(HookCommandTest, BadInputAndDiskFailuresExitQuietlyAndChangeNothing)
+{
+    const std::string prompt = event("UserPromptSubmit", "s1");
+    ASSERT_EQ(hook(event("Stop", "s1")).exitStatus, 0); // ready, so that the prompt is a change
     const std::string before = bytes("s1"), corrupt = "{\"id\":\"s2\",\"agent\":";
     test::writeText(sessions / "s2.json", corrupt);
     const long count = files();
     const auto e = [](int error) { return ":" + std::to_string(error); };
-    const std::string prompt = event("UserPromptSubmit", "s1");
     // The call the shim fails (none: the plain hook), and the payload.
     std::vector<std::pair<std::string, std::string>> cases;
     for (const std::string bad :
