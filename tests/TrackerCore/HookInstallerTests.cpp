@@ -181,8 +181,7 @@ TEST_F(SettingsFile, WritesThroughSymlinksKeepingTheModeAndTheFirstBackup)
 }
 
 // A write refused at any point leaves the user's settings and their backup whole.
-using SettingsFailures = SettingsFile;
-TEST_F(SettingsFailures, EveryWritePointKeepsTheSettingsAndTheBackupWhole)
+TEST_F(SettingsFile, EveryWritePointKeepsTheSettingsAndTheBackupWhole)
 {
     const auto e = [](int error) { return ":" + std::to_string(error); };
     const std::tuple<std::string, bool> cases[] = {
