@@ -108,27 +108,20 @@ class TrayTests : public QObject {
                          "---"}));
     }
 
-    void switchesReadAndFlipTheirKeys()
+    void menuActionsSwitchesAndKeysReachTheirTargets()
     {
         Tray app;
-        app.put("one");
+        app.put("one", [](Session& s) { s.lastPrompt = "Say hello"; });
         app.widget.refreshVisibility();
         QVERIFY(app.widget.isShown());
         QVERIFY(app.item("Show Widget").checked && !app.item("Compact Widget").checked);
         app.tray.perform(app.item("Show Widget"));
         app.tray.perform(app.item("Compact Widget"));
-        QVERIFY(!app.setting("widget.visible"));
-        QVERIFY(app.setting("widget.compact"));
+        QVERIFY(!app.setting("widget.visible") && app.setting("widget.compact"));
         QVERIFY(!app.widget.isShown()); // hidden at once, not at the next cycle
         app.tray.perform(app.item("Show Widget"));
-        QVERIFY(app.setting("widget.visible"));
-        QVERIFY(app.widget.isShown());
-    }
+        QVERIFY(app.setting("widget.visible") && app.widget.isShown());
 
-    void menuActionsAndKeysReachTheirTargets()
-    {
-        Tray app;
-        app.put("one", [](Session& s) { s.lastPrompt = "Say hello"; });
         TrayMenuItem gone = app.items().front();
         app.tray.perform(gone);
         gone.argument = QStringLiteral("no-such-session");

@@ -53,18 +53,14 @@ class WidgetTests : public QObject {
     void visibilityFollowsTheRule()
     {
         const struct {
-            bool sessions, connected;
-            QVariant setting;
-            bool shown;
+            bool sessions, connected, shown;
         } cases[] = {
-            {false, false, {}, true}, // empty, not connected: offers to connect
-            {false, true, {}, false}, // empty, connected: nothing to show
-            {true, true, {}, true},
-            {true, true, false, false}, // hidden by the user
+            {false, false, true}, // empty, not connected: offers to connect
+            {false, true, false}, // empty, connected: nothing to show
+            {true, true, true},
         };
         for (const auto& c : cases) {
             Widget w;
-            if (c.setting.isValid()) w.set("widget.visible", c.setting);
             if (c.connected) w.model->connectClaudeCode();
             w.model->refreshHookState();
             if (c.sessions) w.put("a", Phase::running);
@@ -72,19 +68,9 @@ class WidgetTests : public QObject {
             QCOMPARE(w.panel->isShown(), c.shown);
             w.set("widget.visible", false); // turning the setting off always hides it
             QVERIFY(!w.panel->isShown());
+            w.makePanel().refreshVisibility();
+            QVERIFY(!w.panel->isShown());
         }
-    }
-
-    void firstSessionExpandsACompactWidget()
-    {
-        Widget w;
-        w.makePanel();
-        w.set("widget.compact", true);
-        w.put("a", Phase::running);
-        QVERIFY(!w.setting("widget.compact"));
-        w.set("widget.compact", true); // later sessions leave the user's choice alone
-        w.put("b", Phase::running);
-        QVERIFY(w.setting("widget.compact"));
     }
 
     void clickJumpsDragMovesAndIsSaved()
@@ -140,13 +126,13 @@ class WidgetTests : public QObject {
         QVERIFY(!w.panel->isBarShown());
     }
 
-    void rowsPaintTheirColoursAndAreSetApart()
+    void rowsPaintTheirColoursAndRingsAnimateOnlyWhileSomethingWaits()
     {
         Widget w;
         w.put("a", Phase::running);
         w.put("b", Phase::idle);
         Palette::setColor(Status::running, QColor(QStringLiteral("#FF00FF")), w.settings);
-        w.makePanel();
+        w.makePanel().refreshVisibility();
         WidgetView& v = w.view();
         QCOMPARE(v.rows().size(), std::size_t(2));
         QImage image(v.sizeHint(), QImage::Format_ARGB32_Premultiplied);
@@ -160,23 +146,17 @@ class WidgetTests : public QObject {
         const QPoint onDash = v.rows().back().spacer.topLeft().toPoint() + QPoint(2, 0);
         QVERIFY(image.pixelColor(onDash).lightness() >
                 image.pixelColor(onDash + QPoint(20, 0)).lightness() + 10);
-    }
 
-    void ringsAnimateOnlyWhileSomethingWaits()
-    {
-        Widget w;
-        w.put("a", Phase::running);
-        w.makePanel().refreshVisibility();
-        QVERIFY(!w.view().animating());
+        QVERIFY(!v.animating());
         w.put("a", Phase::running, {}, 1);
-        QVERIFY(w.view().animating());
+        QVERIFY(v.animating());
         // Hidden, the ring stops; shown again while it still waits, it resumes.
         w.set("widget.visible", false);
-        QVERIFY(!w.view().animating());
+        QVERIFY(!v.animating());
         w.set("widget.visible", true);
-        QVERIFY(w.view().animating());
+        QVERIFY(v.animating());
         w.put("a", Phase::idle);
-        QVERIFY(!w.view().animating());
+        QVERIFY(!v.animating());
         QVERIFY(!PingClock::shared().running()); // no timer left behind
     }
 
@@ -197,7 +177,7 @@ class WidgetTests : public QObject {
         QVERIFY(w.jumper.jumped.empty());
     }
 
-    void noticeOffersToConnectAndTheCardMenuCompacts()
+    void noticeOffersToConnectTheCardMenuCompactsAndTheFirstSessionExpands()
     {
         Widget w;
         w.makePanel();
@@ -208,6 +188,11 @@ class WidgetTests : public QObject {
         w.view().fillCardMenu(menu);
         QCOMPARE(extended, 4); // after Compact, Settings…, a divider and Quit
         menu.actions().front()->trigger();
+        QVERIFY(w.setting("widget.compact"));
+        w.put("a", Phase::running);
+        QVERIFY(!w.setting("widget.compact"));
+        w.set("widget.compact", true); // later sessions leave the user's choice alone
+        w.put("b", Phase::running);
         QVERIFY(w.setting("widget.compact"));
     }
 };
