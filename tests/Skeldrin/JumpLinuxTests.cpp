@@ -26,10 +26,7 @@ class KonsoleWindow : public QObject {
 const QString kBin = QStringLiteral(SKELDRIN_BIN_DIR);
 constexpr int kTimeoutMs = 20000;
 
-QStringList words(const QString& line)
-{
-    return line.simplified().split(QLatin1Char(' '), Qt::SkipEmptyParts);
-}
+const auto words = [](const QString& line) { return line.simplified().split(' ', Qt::SkipEmptyParts); };
 
 } // namespace
 
@@ -59,12 +56,10 @@ class JumpLinuxTests : public QObject {
     // A shell line that runs the hook for id; the pane or terminal it runs in is what gets recorded.
     QString hookLine(const QString& id, const QString& then = "sleep 600") const
     {
-        writeBytes(
-            path(id + ".json"),
-            QStringLiteral(R"({"hook_event_name":"SessionStart","session_id":"%1","cwd":"/work/alpha"})")
-                .arg(id)
-                .toUtf8());
-        return QStringLiteral("%1/skeldrin-hook < %2; %3").arg(kBin, path(id + ".json"), then);
+        return QStringLiteral(
+                   R"(echo '{"hook_event_name":"SessionStart","session_id":"%1","cwd":"/work/alpha"}' | )"
+                   "%2/skeldrin-hook; %3")
+            .arg(id, kBin, then);
     }
     // Records a session from a hook run by shell with these extra variables ("NAME=value").
     void recordWith(const QString& id, const QStringList& variables, const QString& shell = "/bin/sh")
@@ -164,12 +159,13 @@ class JumpLinuxTests : public QObject {
     void konsoleIsAskedOverDBus()
     {
         if (QStandardPaths::findExecutable("dbus-daemon").isEmpty()) QSKIP("dbus-daemon is not installed");
-        const QString address = startSessionBus(background(environment()));
+        const QString address = startAndReadFirstLine(background(environment()), "dbus-daemon",
+                                                      words("--session --nofork --print-address"));
         QVERIFY(!address.isEmpty());
         QDBusConnection bus = QDBusConnection::connectToBus(address, "konsole-stand-in");
         KonsoleWindow window;
-        QVERIFY(bus.registerObject("/Windows/2", &window, QDBusConnection::ExportAllSlots));
-        QVERIFY(bus.registerService("org.kde.konsole-4242"));
+        QVERIFY(bus.registerObject("/Windows/2", &window, QDBusConnection::ExportAllSlots) &&
+                bus.registerService("org.kde.konsole-4242"));
         recordWith("in-konsole",
                    {"DBUS_SESSION_BUS_ADDRESS=" + address, "KONSOLE_DBUS_SERVICE=org.kde.konsole-4242",
                     "KONSOLE_DBUS_SESSION=/Sessions/5", "KONSOLE_DBUS_WINDOW=/Windows/2"});
@@ -189,9 +185,10 @@ class JumpLinuxTests : public QObject {
         for (const QString tool : {"Xvfb", "openbox", "xterm", "xdotool", "tmux"})
             if (QStandardPaths::findExecutable(tool).isEmpty()) QSKIP(qPrintable(tool + " is not installed"));
         QProcessEnvironment env = environment();
-        const QString display = startXvfb(background(env));
+        const QString display = startAndReadFirstLine(
+            background(env), "Xvfb", words("-displayfd 1 -screen 0 1280x800x24 -nolisten tcp"));
         QVERIFY2(!display.isEmpty(), "Xvfb did not start");
-        env.insert("DISPLAY", display);
+        env.insert("DISPLAY", ':' + display);
         background(env, "openbox");
         const auto xdotool = [&](const QStringList& arguments) { return output("xdotool", arguments, env); };
         const auto activeTitle = [&] { return xdotool(words("getactivewindow getwindowname")); };

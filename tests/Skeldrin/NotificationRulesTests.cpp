@@ -26,8 +26,7 @@ ListedSession listed(const std::string& id, const Row& row, const std::string& w
     return {s, row.role, row.waitingOnRuns ? Shade::waitingOnRuns() : Shade::of(row.status), 0, false};
 }
 
-// Rules fed on a clock of their own: `at` gives a list once; a call gives it again when its window has
-// passed and returns what both deliver.
+// Rules on their own clock: `at` gives a list once; a call gives it twice, a window apart, and returns both.
 struct Fed {
     NotificationRules rules;
     Date now{};
@@ -98,8 +97,8 @@ class NotificationRulesTests : public QObject {
         const auto step = rules({listed("s", after)}, finishedOn);
         QCOMPARE(step.show.size(), std::size_t(body.isEmpty() ? 0 : 1));
         if (body.isEmpty()) return;
-        QCOMPARE(step.show[0].title, std::string("name of s"));
-        QCOMPARE(QString::fromStdString(step.show[0].body), body);
+        QCOMPARE(QString::fromStdString(step.show[0].title + " | " + step.show[0].body),
+                 "name of s | " + body);
         QCOMPARE(keys(rules({listed("s", after)}, finishedOn)), std::string()); // not again while it stays so
     }
 

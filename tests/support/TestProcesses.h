@@ -1,6 +1,5 @@
 #pragma once
-// Real child processes for tests: shell scripts, a temporary home to run the app in, a private
-// D-Bus session bus and an X server.
+// Real child processes for tests: shell scripts, a temporary home to run the app in, servers they talk to.
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -76,20 +75,6 @@ inline QString startAndReadFirstLine(QProcess& process, const QString& program, 
     return QString::fromUtf8(process.readLine()).trimmed();
 }
 
-// A private session bus; its address, or empty.
-inline QString startSessionBus(QProcess& bus)
-{
-    return startAndReadFirstLine(bus, "dbus-daemon", {"--session", "--nofork", "--print-address"});
-}
-
-// An X server on a display it picks itself (-displayfd); the display name, or empty.
-inline QString startXvfb(QProcess& server)
-{
-    const QString number = startAndReadFirstLine(
-        server, "Xvfb", QString("-displayfd 1 -screen 0 1280x800x24 -nolisten tcp").split(' '));
-    return number.isEmpty() ? QString() : ':' + number;
-}
-
 inline void stopAll(std::initializer_list<QProcess*> processes)
 {
     for (QProcess* process : processes) {
@@ -125,8 +110,7 @@ inline Ran runToEnd(const QString& program, const QStringList& arguments, const 
     return {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
 }
 
-// The home's variables and `searchPath` only: nothing the tests were started with (a terminal, a
-// multiplexer, a bus) leaks into what a child records.
+// The home's variables and `searchPath` only: nothing the tests run in (a terminal, tmux, a bus) leaks.
 inline QProcessEnvironment bareEnvironment(const TempHome& home, const QString& searchPath)
 {
     const QProcessEnvironment full = home.environment();
