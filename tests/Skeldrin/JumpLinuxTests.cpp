@@ -149,8 +149,8 @@ class JumpLinuxTests : public QObject {
         const auto [exitCode, said] = jump("s", environment(QString()));
         QCOMPARE(exitCode, error.isEmpty() ? 0 : 1);
         QVERIFY2(error.isEmpty() ? said.isEmpty() : said.contains(error), qPrintable(said));
-        for (const QString& call :
-             error.isEmpty() ? seen : QStringList()) // the link is opened after the jump has answered
+        // The editor's link is opened after the jump has answered.
+        for (const QString& call : error.isEmpty() ? seen : QStringList())
             QTRY_COMPARE_WITH_TIMEOUT(seenBy(call.section(' ', 0, 0)), call, kTimeoutMs);
         // As in the app, a session that was jumped to has been seen; one that could not be opened has not.
         QCOMPARE(readBytes(sessionPath("s")).contains("\"seenAt\""), error.isEmpty());
