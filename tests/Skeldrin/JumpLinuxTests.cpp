@@ -1,6 +1,5 @@
 // Jumping end to end on Linux: the real skeldrin-hook records where it runs, the real `skeldrin jump`
 // brings that place forward, checked with the terminals' own tools.
-#include "tests/support/TestFiles.h"
 #include "tests/support/TestProcesses.h"
 
 #include <QDBusConnection>
@@ -27,10 +26,7 @@ class KonsoleWindow : public QObject {
 const QString kBin = QStringLiteral(SKELDRIN_BIN_DIR);
 constexpr int kTimeoutMs = 20000;
 
-QStringList words(const QString& line)
-{
-    return line.simplified().split(QLatin1Char(' '), Qt::SkipEmptyParts);
-}
+const auto words = [](const QString& line) { return line.simplified().split(' ', Qt::SkipEmptyParts); };
 
 } // namespace
 
@@ -60,13 +56,10 @@ class JumpLinuxTests : public QObject {
     // A shell line that runs the hook for id; the pane or terminal it runs in is what gets recorded.
     QString hookLine(const QString& id, const QString& then = "sleep 600") const
     {
-        QFile file(path(id + ".json"));
-        if (file.open(QIODevice::WriteOnly))
-            file.write(
-                QStringLiteral(R"({"hook_event_name":"SessionStart","session_id":"%1","cwd":"/work/alpha"})")
-                    .arg(id)
-                    .toUtf8());
-        return QStringLiteral("%1/skeldrin-hook < %2; %3").arg(kBin, file.fileName(), then);
+        return QStringLiteral(
+                   R"(echo '{"hook_event_name":"SessionStart","session_id":"%1","cwd":"/work/alpha"}' | )"
+                   "%2/skeldrin-hook; %3")
+            .arg(id, kBin, then);
     }
     // Records a session from a hook run by shell with these extra variables ("NAME=value").
     void recordWith(const QString& id, const QStringList& variables, const QString& shell = "/bin/sh")
@@ -89,16 +82,10 @@ class JumpLinuxTests : public QObject {
         return *background_.back();
     }
 
-    // A program on the test's PATH that runs body; by default it records its arguments, one a line.
-    void standIn(const QString& name, QString body = {})
+    // What a stand-in on the test's PATH was called with: its name, then its arguments.
+    QString seenBy(const QString& name) const
     {
-        if (body.isEmpty()) body = QStringLiteral("printf '%s\\n' \"$@\" > %1.args").arg(path(name));
-        QVERIFY(writeScript(path("bin/" + name), body.toUtf8()));
-    }
-    QStringList argumentsSeenBy(const QString& name) const
-    {
-        return QString::fromStdString(readText(path(name + ".args").toStdString()))
-            .split('\n', Qt::SkipEmptyParts);
+        return QString::fromUtf8(readBytes(path(name + ".args"))).simplified();
     }
 
   private Q_SLOTS:
@@ -122,65 +109,63 @@ class JumpLinuxTests : public QObject {
     void placesAreAskedThroughTheirOwnCommandsOrRefused_data()
     {
         QTest::addColumn<QStringList>("variables"); // what the hook ran with
-        QTest::addColumn<QString>("program");       // the stand-in on PATH; none when it is missing
-        QTest::addColumn<QString>("body");          // what it does; empty: records its arguments
-        QTest::addColumn<QString>("error");         // what `skeldrin jump` says; empty: it worked
-        const QString none;
-        QTest::newRow("kitty") << QStringList{"KITTY_WINDOW_ID=7", "KITTY_LISTEN_ON=unix:@k"} << "kitty"
-                               << none << none;
+        QTest::addColumn<QString>("host");          // the shell the hook ran under; empty: sh
+        QTest::addColumn<QStringList>("seen"); // stand-ins on PATH, as each was called; they hang if it fails
+        QTest::addColumn<QString>("error");    // what `skeldrin jump` says; empty: it worked
+        QTest::newRow("kitty") << QStringList{"KITTY_WINDOW_ID=7", "KITTY_LISTEN_ON=unix:@k"} << ""
+                               << QStringList{"kitty @ --to unix:@k focus-window --match id:7"} << "";
+        // Under an editor whose executable is named cursor: the folder, then the session's link.
+        QTest::newRow("editor") << QStringList{"CLAUDE_CODE_ENTRYPOINT=claude-vscode"} << "cursor"
+                                << QStringList{"cursor /work/alpha",
+                                               "xdg-open cursor://anthropic.claude-code/open?session=s"}
+                                << "";
         QTest::newRow("program missing")
-            << QStringList{"KITTY_WINDOW_ID=3"} << none << none << "Couldn't run kitty";
-        QTest::newRow("program hangs") << QStringList{"TMUX=/tmp/t,1,0", "TMUX_PANE=%3"} << "tmux"
-                                       << "exec /bin/sleep 60"
-                                       << "Couldn't open alpha: tmux didn't answer in time.";
-        QTest::newRow("nowhere") << QStringList{"NOTHING=here"} << "kitty" << none
+            << QStringList{"KITTY_WINDOW_ID=3"} << "" << QStringList() << "Couldn't run kitty";
+        QTest::newRow("program hangs")
+            << QStringList{"TMUX=/tmp/t,1,0", "TMUX_PANE=%3"} << "" << QStringList{"tmux"}
+            << "Couldn't open alpha: tmux didn't answer in time.";
+        QTest::newRow("nowhere") << QStringList{"NOTHING=here"} << "" << QStringList()
                                  << "Couldn't open alpha: This session didn't say where it was started, so "
                                     "there's nothing to open.";
     }
     void placesAreAskedThroughTheirOwnCommandsOrRefused()
     {
         QFETCH(QStringList, variables);
-        QFETCH(QString, program);
-        QFETCH(QString, body);
+        QFETCH(QString, host);
+        QFETCH(QStringList, seen);
         QFETCH(QString, error);
-        if (!program.isEmpty()) standIn(program, body);
-        recordWith("s", variables);
+        for (const QString& call : seen) {
+            const QString name = call.section(' ', 0, 0);
+            QVERIFY(writeScript(
+                path("bin/" + name),
+                error.isEmpty() ? QStringLiteral("echo %1 \"$@\" > %2.args").arg(name, path(name)).toUtf8()
+                                : "exec /bin/sleep 60"));
+        }
+        if (!host.isEmpty())
+            QVERIFY(QDir().mkpath(path("host")) && QFile::copy("/bin/sh", path("host/" + host)));
+        recordWith("s", variables, host.isEmpty() ? "/bin/sh" : path("host/" + host));
 
         // Only the test's own programs: a missing one is not found elsewhere.
         const auto [exitCode, said] = jump("s", environment(QString()));
         QCOMPARE(exitCode, error.isEmpty() ? 0 : 1);
         QVERIFY2(error.isEmpty() ? said.isEmpty() : said.contains(error), qPrintable(said));
-        if (error.isEmpty())
-            QCOMPARE(argumentsSeenBy(program), words("@ --to unix:@k focus-window --match id:7"));
+        // The editor's link is opened after the jump has answered.
+        for (const QString& call : error.isEmpty() ? seen : QStringList())
+            QTRY_COMPARE_WITH_TIMEOUT(seenBy(call.section(' ', 0, 0)), call, kTimeoutMs);
         // As in the app, a session that was jumped to has been seen; one that could not be opened has not.
-        QCOMPARE(readText(sessionPath("s").toStdString()).find("\"seenAt\"") != std::string::npos,
-                 error.isEmpty());
-    }
-
-    void editorsOpenTheFolderThenTheSessionsLink()
-    {
-        standIn("cursor");
-        standIn("xdg-open");
-        // The session runs under an editor whose executable is named cursor: a copy of the shell here.
-        QVERIFY(QDir().mkpath(path("host")) && QFile::copy("/bin/sh", path("host/cursor")));
-        recordWith("in-editor", {"CLAUDE_CODE_ENTRYPOINT=claude-vscode"}, path("host/cursor"));
-
-        QCOMPARE(jump("in-editor", environment()), std::make_pair(0, QString()));
-        QTRY_VERIFY_WITH_TIMEOUT(!argumentsSeenBy("xdg-open").isEmpty(), kTimeoutMs);
-        QCOMPARE(argumentsSeenBy("cursor"), QStringList{"/work/alpha"});
-        QCOMPARE(argumentsSeenBy("xdg-open"),
-                 QStringList{"cursor://anthropic.claude-code/open?session=in-editor"});
+        QCOMPARE(readBytes(sessionPath("s")).contains("\"seenAt\""), error.isEmpty());
     }
 
     void konsoleIsAskedOverDBus()
     {
         if (QStandardPaths::findExecutable("dbus-daemon").isEmpty()) QSKIP("dbus-daemon is not installed");
-        const QString address = startSessionBus(background(environment()));
+        const QString address = startAndReadFirstLine(background(environment()), "dbus-daemon",
+                                                      words("--session --nofork --print-address"));
         QVERIFY(!address.isEmpty());
         QDBusConnection bus = QDBusConnection::connectToBus(address, "konsole-stand-in");
         KonsoleWindow window;
-        QVERIFY(bus.registerObject("/Windows/2", &window, QDBusConnection::ExportAllSlots));
-        QVERIFY(bus.registerService("org.kde.konsole-4242"));
+        QVERIFY(bus.registerObject("/Windows/2", &window, QDBusConnection::ExportAllSlots) &&
+                bus.registerService("org.kde.konsole-4242"));
         recordWith("in-konsole",
                    {"DBUS_SESSION_BUS_ADDRESS=" + address, "KONSOLE_DBUS_SERVICE=org.kde.konsole-4242",
                     "KONSOLE_DBUS_SESSION=/Sessions/5", "KONSOLE_DBUS_WINDOW=/Windows/2"});
@@ -197,13 +182,13 @@ class JumpLinuxTests : public QObject {
 
     void terminalWindowsAndTmuxPanesComeForwardEvenWhenMinimized()
     {
-        for (const char* tool : {"Xvfb", "openbox", "xterm", "xdotool"})
-            if (QStandardPaths::findExecutable(QString::fromLatin1(tool)).isEmpty())
-                QSKIP(qPrintable(QStringLiteral("%1 is not installed").arg(QLatin1String(tool))));
+        for (const QString tool : {"Xvfb", "openbox", "xterm", "xdotool", "tmux"})
+            if (QStandardPaths::findExecutable(tool).isEmpty()) QSKIP(qPrintable(tool + " is not installed"));
         QProcessEnvironment env = environment();
-        const QString display = startXvfb(background(env));
+        const QString display = startAndReadFirstLine(
+            background(env), "Xvfb", words("-displayfd 1 -screen 0 1280x800x24 -nolisten tcp"));
         QVERIFY2(!display.isEmpty(), "Xvfb did not start");
-        env.insert("DISPLAY", display);
+        env.insert("DISPLAY", ':' + display);
         background(env, "openbox");
         const auto xdotool = [&](const QStringList& arguments) { return output("xdotool", arguments, env); };
         const auto activeTitle = [&] { return xdotool(words("getactivewindow getwindowname")); };

@@ -8,7 +8,7 @@ using namespace skeldrin;
 class PaletteTests : public QObject {
     Q_OBJECT
   private Q_SLOTS:
-    void parsesColourTexts()
+    void parsesAndFormatsColourTexts()
     {
         // The text, then its colour or empty when it is none. One sign may lead, and "-0" is zero.
         const char* const cases[][2] = {{"#0A84FF", "#0A84FF"}, {"#0a84ff", "#0A84FF"}, {"0A84FF", "#0A84FF"},
@@ -18,10 +18,7 @@ class PaletteTests : public QObject {
             const auto colour = colorFromHex(QString::fromLatin1(text));
             QCOMPARE(hexString(colour.value_or(QColor())).value_or(QString()), QString::fromLatin1(expected));
         }
-    }
-
-    void formatsWithRoundingHalvesAway()
-    {
+        // Components round halves away and are clamped.
         QCOMPARE(hexString(QColor::fromRgbF(0.5f, 0.f, 1.f)).value(), QStringLiteral("#8000FF"));
         QCOMPARE(hexString(QColor::fromRgbF(1.2f, -0.1f, 0.2f, 1.f)).value(), QStringLiteral("#FF0033"));
     }

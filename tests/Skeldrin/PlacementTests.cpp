@@ -51,10 +51,8 @@ class PlacementTests : public QObject {
         const auto inside = [](double x, double y) {
             return Placement::hoverZone({1132, 350, 300, 200}, {1032, 304, 400, 40}, {x, y});
         };
-        QVERIFY(inside(1434, 500)); // 2 points outside the widget
-        QVERIFY(!inside(1435, 500));
-        QVERIFY(inside(1140, 347));  // in the gap between the two
-        QVERIFY(!inside(1100, 347)); // beside the gap
+        QVERIFY(inside(1434, 500) && !inside(1435, 500)); // up to 2 points outside the widget
+        QVERIFY(inside(1140, 347) && !inside(1100, 347)); // in the gap between the two, not beside it
     }
 
     void frameKeepsTheAnchoredEdgeAndTheBarSitsSixPointsAway()
@@ -64,24 +62,17 @@ class PlacementTests : public QObject {
             QSizeF size;
             YUpRect widget, bar; // the bar is 400 × 40
         } cases[] = {
+            // clang-format off
             // Right edge, upper half: bar below, right-aligned.
-            {{Anchor::Max, Anchor::Center, {1432, 600}},
-             {300, 200},
-             {1132, 500, 300, 200},
-             {1032, 454, 400, 40}},
+            {{Anchor::Max, Anchor::Center, {1432, 600}}, {300, 200}, {1132, 500, 300, 200}, {1032, 454, 400, 40}},
             // Bottom-left: bar above, left-aligned.
             {{Anchor::Min, Anchor::Min, {8, 8}}, {300, 200}, {8, 8, 300, 200}, {8, 214, 400, 40}},
             // Exactly centred at an odd height: on whole pixels it must not drop below the middle and flip
             // the bar above.
-            {{Anchor::Max, Anchor::Center, {1432, 450}},
-             {300, 301},
-             {1132, 300, 300, 301},
-             {1032, 254, 400, 40}},
+            {{Anchor::Max, Anchor::Center, {1432, 450}}, {300, 301}, {1132, 300, 300, 301}, {1032, 254, 400, 40}},
             // A point too close to the edge for the size is held inside the inner frame.
-            {{Anchor::Center, Anchor::Center, {1420, 20}},
-             {300, 200},
-             {1132, 8, 300, 200},
-             {1032, 214, 400, 40}},
+            {{Anchor::Center, Anchor::Center, {1420, 20}}, {300, 200}, {1132, 8, 300, 200}, {1032, 214, 400, 40}},
+            // clang-format on
         };
         for (const auto& c : cases) {
             QCOMPARE(c.placement.frame(c.size, kVisible), c.widget);

@@ -46,8 +46,7 @@ class SettingsViewTests : public QObject {
         // A 1440 × 900 screen whose visible part starts under a 25 point bar; the panel is 220 × 300.
         const std::pair<QRectF, QPointF> cases[] = {
             {{908, 200, 300, 400}, {1220, 200}}, // exactly fits on the right
-            {{1100, 200, 300, 400}, {868, 200}}, // else on the left
-            {{400, 700, 300, 150}, {712, 600}},  // pushed up from the bottom
+            {{1100, 700, 300, 150}, {868, 600}}, // else on the left; pushed up from the bottom
         };
         for (const auto& [window, origin] : cases)
             QCOMPARE(colorPanelOrigin(window, QSizeF(220, 300), QRectF(0, 25, 1440, 875)), origin);
@@ -101,21 +100,20 @@ class SettingsViewTests : public QObject {
         }
         QVERIFY(connected.isChecked());
         QCOMPARE(app.model->hookState(), HookInstaller::State::installed);
-        const std::string installed = readText(app.claudeSettings);
-        QVERIFY(installed.find("skeldrin-hook") != std::string::npos);
-        QVERIFY(installed.find("\"opus\"") != std::string::npos);
+        const QByteArray installed = QByteArray::fromStdString(readText(app.claudeSettings));
+        QVERIFY(installed.contains("skeldrin-hook") && installed.contains("\"opus\""));
         connected.click();
-        QVERIFY(!connected.isChecked());
+        QVERIFY(!connected.isChecked() && shown.isEmpty());
         QVERIFY(readText(app.claudeSettings).find("skeldrin-hook") == std::string::npos);
-        QVERIFY(shown.isEmpty());
     }
 
-    void switchesWriteAndFollowTheirKeys()
+    void switchesColoursAndLoginWriteWhatTheySay()
     {
+        const QString autostart = config.filePath(QStringLiteral("autostart"));
+        writeText(autostart.toStdString(), "not a folder"); // a file where the folder goes
         AppFixture app;
         SettingsView view(*app.model, app.settings);
-        // Each switch starts from its default, writes its key, and follows it when set elsewhere (the tray
-        // menu).
+        // Each switch starts from its default, writes its key, and follows it when the tray menu sets it.
         for (const auto& [name, key, byDefault] :
              {std::tuple{"compact", "widget.compact", false},
               {"notifications.waiting", "notifications.waiting", true},
@@ -132,49 +130,34 @@ class SettingsViewTests : public QObject {
         app.model->setHeadlinesEnabled(false);
         QVERIFY(!child(view, "headlines").isChecked());
         QVERIFY(child<QLabel>(view, "headlineError").isHidden());
-    }
 
-    void colourRowsAndReset()
-    {
-        AppFixture app;
-        SettingsView view(*app.model, app.settings);
         child<QPushButton>(view, "color.waiting").click();
         QColorDialog* panel = view.colorPanel();
         QVERIFY(panel && !panel->isModal() && !panel->testOption(QColorDialog::ShowAlphaChannel));
         QCOMPARE(panel->currentColor(), QColor(0xFF, 0xD6, 0x0A));
         panel->setCurrentColor(QColor(0x12, 0x34, 0x56));
-        QCOMPARE(app.settings.value(QStringLiteral("color.waiting")).toString(), QStringLiteral("#123456"));
+        QCOMPARE(app.settings.value("color.waiting").toString(), "#123456");
 
         child<QPushButton>(view, "color.ready").click();
         QCOMPARE(view.colorPanel(), panel); // one panel, reused
         panel->setCurrentColor(QColor(0x65, 0x43, 0x21));
-        QCOMPARE(app.settings.value(QStringLiteral("color.ready")).toString(), QStringLiteral("#654321"));
+        QCOMPARE(app.settings.value("color.ready").toString(), "#654321");
 
         child<QPushButton>(view, "reset").click();
         for (Status s : allStatuses)
             QVERIFY(!app.settings.contains(Palette::key(s)));
-    }
 
-    void openAtLoginWritesTheAutostartEntryOrSaysWhyNot()
-    {
-        const QString autostart = config.filePath(QStringLiteral("autostart"));
-        writeText(autostart.toStdString(), "not a folder"); // a file where the folder goes
-        AppFixture app;
-        SettingsView view(*app.model, app.settings);
         Switch& login = child(view, "openAtLogin");
         const QLabel& error = child<QLabel>(view, "loginError");
-        QVERIFY(!login.isChecked());
-        QVERIFY(error.isHidden());
+        QVERIFY(!login.isChecked() && error.isHidden());
         login.click();
-        QVERIFY(!login.isChecked()); // snapped back to what is really there
-        QVERIFY(!error.isHidden());
+        QVERIFY(!login.isChecked() && !error.isHidden()); // snapped back to what is really there
         QVERIFY2(error.text().startsWith(QStringLiteral("Couldn't ")) && error.text().contains(autostart),
                  qPrintable(error.text()));
 
         QFile::remove(autostart);
         login.click();
-        QVERIFY(login.isChecked());
-        QVERIFY(LoginItem::isEnabled());
+        QVERIFY(login.isChecked() && LoginItem::isEnabled());
         const QString entry = autostart + QStringLiteral("/skeldrin.desktop");
         const QString text = QString::fromStdString(readText(entry.toStdString()));
         QVERIFY(text.startsWith(QStringLiteral("[Desktop Entry]\n")));

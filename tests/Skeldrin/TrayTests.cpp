@@ -65,22 +65,18 @@ class TrayTests : public QObject {
   private Q_SLOTS:
     void menuWithoutSessionsOffersTheUpdate()
     {
-        const struct {
-            bool required, awaiting;
-            QString first;
-        } cases[] = {{false, false, ""},
-                     {true, false, "Update to 1.4.2…|"},
-                     {true, true, "Drag Skeldrin to Applications…|"}};
-        for (const auto& c : cases) {
+        for (const auto& [required, awaiting, first] : {std::tuple{false, false, ""},
+                                                        {true, false, "Update to 1.4.2…|"},
+                                                        {true, true, "Drag Skeldrin to Applications…|"}}) {
             AppFixture app;
-            std::optional<UpdateManifest> manifest;
-            if (c.required) manifest = UpdateManifest{"1.4.2", QUrl("https://x/S.dmg"), {}};
-            app.updates.set(manifest, false, c.awaiting);
+            app.updates.set(required ? std::optional(UpdateManifest{"1.4.2", QUrl("https://x/S.dmg"), {}})
+                                     : std::nullopt,
+                            false, awaiting);
             const auto items = trayMenuItems(*app.model, app.updates, app.settings);
-            QCOMPARE(menu(items).join('|'), c.first +
-                                                "No Claude Code sessions disabled|---|Show Widget checked|"
-                                                "Compact Widget|---|Settings…|Quit Skeldrin");
-            QCOMPARE(items.front().action == Action::installUpdate, c.required);
+            QCOMPARE(menu(items).join('|'), first + QStringLiteral("No Claude Code sessions disabled|---|"
+                                                                   "Show Widget checked|Compact Widget|---|"
+                                                                   "Settings…|Quit Skeldrin"));
+            QCOMPARE(items.front().action == Action::installUpdate, required);
         }
     }
 
@@ -108,66 +104,15 @@ class TrayTests : public QObject {
                          "---"}));
     }
 
-    void switchesReadAndFlipTheirKeys()
+    void iconMenuActionsSwitchesAndKeysFollowTheModel()
     {
         Tray app;
-        app.put("one");
-        app.widget.refreshVisibility();
-        QVERIFY(app.widget.isShown());
-        QVERIFY(app.item("Show Widget").checked && !app.item("Compact Widget").checked);
-        app.tray.perform(app.item("Show Widget"));
-        app.tray.perform(app.item("Compact Widget"));
-        QVERIFY(!app.setting("widget.visible"));
-        QVERIFY(app.setting("widget.compact"));
-        QVERIFY(!app.widget.isShown()); // hidden at once, not at the next cycle
-        app.tray.perform(app.item("Show Widget"));
-        QVERIFY(app.setting("widget.visible"));
-        QVERIFY(app.widget.isShown());
-    }
-
-    void menuActionsAndKeysReachTheirTargets()
-    {
-        Tray app;
-        app.put("one", [](Session& s) { s.lastPrompt = "Say hello"; });
-        TrayMenuItem gone = app.items().front();
-        app.tray.perform(gone);
-        gone.argument = QStringLiteral("no-such-session");
-        app.tray.perform(gone);
-        QCOMPARE(app.jumper.jumped, std::vector<std::string>{"one"});
-
-        QMenu* menu = app.tray.trayIcon().contextMenu();
-        Q_EMIT menu->aboutToShow();
-        const auto actions = menu->actions();
-        QCOMPARE(actions[0]->text(), QStringLiteral("one  ·  Terminal"));
-        QCOMPARE(actions[0]->toolTip(), QStringLiteral("Say hello"));
-        QVERIFY(!actions[0]->icon().isNull());
-        QVERIFY(actions[1]->isSeparator());
-        QVERIFY(actions[2]->isCheckable() && actions[2]->isChecked());
-
-        // Without a tray the same entries go under the widget's card menu.
-        QMenu card;
-        card.addAction(QStringLiteral("Own entry"));
-        app.tray.appendMenu(card);
-        QCOMPARE(card.actions().size(), 1 + 1 + 7);
-        card.actions().last()->trigger();
-        QCOMPARE(app.quits, 1);
-        card.actions()[card.actions().size() - 2]->trigger();
-        QCOMPARE(app.settingsOpened, 1);
-        // The key equivalents work in the card menu too; the letter alone is not one.
-        QTest::keyClick(&card, Qt::Key_Q, Qt::ControlModifier);
-        QTest::keyClick(&card, Qt::Key_Q);
-        QCOMPARE(app.quits, 2);
-    }
-
-    void iconToolTipAndBadgeFollowTheModelAndTheColours()
-    {
         // The badge sits in a notch punched out of the artwork.
         const QImage plain = MenuBarIcon::image(MenuBarIcon::artwork(), Qt::white, std::nullopt, side);
         QVERIFY(qAlpha(plain.pixel(notchRing)) > 200); // the artwork's edge runs there
         QCOMPARE(QColor(plain.pixel(badgeCentre)), QColor(Qt::white));
         QCOMPARE(
             qAlpha(MenuBarIcon::image(MenuBarIcon::artwork(), Qt::white, Qt::red, side).pixel(notchRing)), 0);
-        Tray app;
         const auto toolTip = [&] { return app.tray.trayIcon().toolTip(); };
         const auto badge = [&] {
             return QColor(app.tray.trayIcon().icon().pixmap(side).toImage().pixel(badgeCentre));
@@ -180,6 +125,43 @@ class TrayTests : public QObject {
         QCOMPARE(badge(), QColor(0xFF, 0x45, 0x3A));
         Palette::setColor(Status::multiStepWaiting, QColor(0x11, 0x22, 0x33), app.settings);
         QCOMPARE(badge(), QColor(0x11, 0x22, 0x33));
+
+        app.put("s", [](Session& s) { s.lastPrompt = "Say hello"; }); // the same session, no longer waiting
+        app.widget.refreshVisibility();
+        QVERIFY(app.widget.isShown());
+        QVERIFY(app.item("Show Widget").checked && !app.item("Compact Widget").checked);
+        app.tray.perform(app.item("Show Widget"));
+        app.tray.perform(app.item("Compact Widget"));
+        QVERIFY(!app.setting("widget.visible") && app.setting("widget.compact"));
+        QVERIFY(!app.widget.isShown()); // hidden at once, not at the next cycle
+        app.tray.perform(app.item("Show Widget"));
+        QVERIFY(app.setting("widget.visible") && app.widget.isShown());
+
+        TrayMenuItem gone = app.items().front();
+        app.tray.perform(gone);
+        gone.argument = QStringLiteral("no-such-session");
+        app.tray.perform(gone);
+        QCOMPARE(app.jumper.jumped, std::vector<std::string>{"s"});
+
+        QMenu* menu = app.tray.trayIcon().contextMenu();
+        Q_EMIT menu->aboutToShow();
+        const auto actions = menu->actions();
+        QCOMPARE(actions[0]->text() + " | " + actions[0]->toolTip(), "s  ·  Terminal | Say hello");
+        QVERIFY(!actions[0]->icon().isNull() && actions[1]->isSeparator());
+        QVERIFY(actions[2]->isCheckable() && actions[2]->isChecked());
+
+        // Without a tray the same entries go under the widget's card menu.
+        QMenu card;
+        card.addAction(QStringLiteral("Own entry"));
+        app.tray.appendMenu(card);
+        QCOMPARE(card.actions().size(), 1 + 1 + 7);
+        card.actions().last()->trigger();
+        card.actions()[card.actions().size() - 2]->trigger();
+        QVERIFY(app.quits == 1 && app.settingsOpened == 1);
+        // The key equivalents work in the card menu too; the letter alone is not one.
+        QTest::keyClick(&card, Qt::Key_Q, Qt::ControlModifier);
+        QTest::keyClick(&card, Qt::Key_Q);
+        QCOMPARE(app.quits, 2);
     }
 };
 

@@ -1,9 +1,7 @@
 #!/bin/bash
-# The app in a real X server with a window manager and an XEmbed tray (trayer), on sessions recorded
-# through the real hook. The widget is on every workspace, above, out of the taskbar and never takes the
-# focus; pointing shows the bar; a drag snaps to an edge and is saved; the bar's green light compacts it.
-# The tray icon wears its badge; in its open menu Ctrl+, opens the settings and Ctrl+Q quits.
-# Screenshots of each step. Usage: app-window-test.sh BIN_DIR SCREENSHOT_DIR
+# The app under Xvfb, openbox and an XEmbed tray (trayer), on sessions recorded by the real hook: the widget
+# floats without taking the focus, shows its bar, snaps when dragged and compacts; the tray menu's keys open
+# the settings and quit. Screenshots of each step. Usage: app-window-test.sh BIN_DIR SCREENSHOT_DIR
 set -u
 bin=$1 shots=$2
 . "$(dirname "$0")/../support/x11-session.sh"
@@ -47,19 +45,14 @@ widget=$(xdotool search --onlyvisible --name '^Skeldrin$' | head -1)
 # openbox shows "every workspace" through the desktop number rather than the sticky state.
 floating() {
     state=$(xprop -id "$widget" _NET_WM_STATE _NET_WM_DESKTOP)
-    for s in _NET_WM_STATE_ABOVE _NET_WM_STATE_SKIP_TASKBAR _NET_WM_STATE_SKIP_PAGER \
-        "_NET_WM_DESKTOP(CARDINAL) = 4294967295"; do
-        grep -qF "$s" <<<"$state" || return 1
-    done
+    for s in _ABOVE _SKIP_TASKBAR _SKIP_PAGER "(CARDINAL) = 4294967295"; do grep -qF "$s" <<<"$state" || return 1; done
 }
 until_ok floating || fail "the widget is not above, out of the taskbar and on all workspaces: $state"
 until_ok painted "$widget" || fail "the widget was not painted"
 # The icon sits at the right end of the tray.
 until_ok painted root 30x30+1410+0 || fail "no icon in the tray"
 keeps_focus "the widget"
-import -window root "$shots/widget.png"
-cp "$shots/widget.png" "$shots/tray-and-widget.png"
-convert "$shots/widget.png" -crop 120x30+1320+0 +repage -filter point -resize 300% "$shots/tray-icon.png"
+import -window root "$shots/tray-and-widget.png"
 
 until_ok point_at_row || fail "pointing at a row did not show the bar"
 bar=$(bar_shown | head -1)

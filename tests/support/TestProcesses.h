@@ -1,6 +1,5 @@
 #pragma once
-// Real child processes for tests: shell scripts, a temporary home to run the app in, a private
-// D-Bus session bus and an X server.
+// Real child processes for tests: shell scripts, a temporary home to run the app in, servers they talk to.
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -44,28 +43,24 @@ struct TempHome {
     // The app checks for no updates (no network); the runtime folder exists and is private.
     QProcessEnvironment environment() const
     {
-        QDir().mkpath(path(QStringLiteral("run")));
-        QFile::setPermissions(path(QStringLiteral("run")),
-                              QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+        QDir().mkdir(path("run"), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("HOME"), dir.path());
-        env.insert(QStringLiteral("XDG_DATA_HOME"), path(QStringLiteral("data")));
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), path(QStringLiteral("config")));
-        env.insert(QStringLiteral("XDG_RUNTIME_DIR"), path(QStringLiteral("run")));
-        env.insert(QStringLiteral("SKELDRIN_UPDATE_URL"), QString());
+        env.insert("HOME", dir.path());
+        for (const auto& [key, folder] :
+             {std::pair{"XDG_DATA_HOME", "data"}, {"XDG_CONFIG_HOME", "config"}, {"XDG_RUNTIME_DIR", "run"}})
+            env.insert(key, path(folder));
+        env.insert("SKELDRIN_UPDATE_URL", QString());
         return env;
     }
 
     // The app's own settings file.
     QVariant setting(const QString& key) const
     {
-        return QSettings(path(QStringLiteral("config/Skeldrin/Skeldrin.conf")), QSettings::IniFormat)
-            .value(key);
+        return QSettings(path("config/Skeldrin/Skeldrin.conf"), QSettings::IniFormat).value(key);
     }
     void setSetting(const QString& key, const QVariant& value) const
     {
-        QSettings(path(QStringLiteral("config/Skeldrin/Skeldrin.conf")), QSettings::IniFormat)
-            .setValue(key, value);
+        QSettings(path("config/Skeldrin/Skeldrin.conf"), QSettings::IniFormat).setValue(key, value);
     }
 };
 
@@ -78,24 +73,6 @@ inline QString startAndReadFirstLine(QProcess& process, const QString& program, 
     while (!process.canReadLine())
         if (!process.waitForReadyRead(20000)) return {};
     return QString::fromUtf8(process.readLine()).trimmed();
-}
-
-// A private session bus; its address, or empty.
-inline QString startSessionBus(QProcess& bus)
-{
-    return startAndReadFirstLine(
-        bus, QStringLiteral("dbus-daemon"),
-        {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address")});
-}
-
-// An X server on a display it picks itself (-displayfd); the display name, or empty.
-inline QString startXvfb(QProcess& server)
-{
-    const QString number = startAndReadFirstLine(
-        server, QStringLiteral("Xvfb"),
-        {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"), QStringLiteral("0"),
-         QStringLiteral("1280x800x24"), QStringLiteral("-nolisten"), QStringLiteral("tcp")});
-    return number.isEmpty() ? QString() : QLatin1Char(':') + number;
 }
 
 inline void stopAll(std::initializer_list<QProcess*> processes)
@@ -133,16 +110,15 @@ inline Ran runToEnd(const QString& program, const QStringList& arguments, const 
     return {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
 }
 
-// The home's variables and `searchPath` only: nothing the tests were started with (a terminal, a
-// multiplexer, a bus) leaks into what a child records.
+// The home's variables and `searchPath` only: nothing the tests run in (a terminal, tmux, a bus) leaks.
 inline QProcessEnvironment bareEnvironment(const TempHome& home, const QString& searchPath)
 {
     const QProcessEnvironment full = home.environment();
     QProcessEnvironment env;
     for (const char* key :
          {"HOME", "XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_RUNTIME_DIR", "SKELDRIN_UPDATE_URL"})
-        env.insert(QLatin1String(key), full.value(QLatin1String(key)));
-    env.insert(QStringLiteral("PATH"), searchPath);
+        env.insert(key, full.value(key));
+    env.insert("PATH", searchPath);
     return env;
 }
 

@@ -1,7 +1,5 @@
-# Sourced by the real-window tests: a temporary home, an X server on a display it picks itself and openbox,
-# with helpers that wait on what they check, never on a fixed time.
-# Usage: x11_session WIDTHxHEIGHT FAILURE_PNG [TOOL...]; then $tmp holds the home, what is in $pids is
-# killed on exit, and fail also prints $fail_log if set. A missing tool skips the test.
+# For real-window tests: x11_session WIDTHxHEIGHT FAILURE_PNG [TOOL...] makes a temporary home in $tmp, starts
+# Xvfb on a display it picks and openbox, and kills $pids on exit; a missing tool skips the test.
 
 # Waits up to a minute for a command to succeed (the machine may be busy; it returns as soon as it does).
 until_ok() { for _ in $(seq 600); do "$@" >/dev/null 2>&1 && return 0; sleep 0.1; done; return 1; }

@@ -25,9 +25,8 @@ struct Widget : AppFixture {
     WidgetPanel& makePanel()
     {
         WidgetPanel::Environment env;
-        env.screens = [] {
-            return QList<WidgetPanel::Screen>{{QRect(0, 0, 1440, 900), QRect(0, 0, 1440, 900)}};
-        };
+        const QRect screen(0, 0, 1440, 900);
+        env.screens = [screen] { return QList<WidgetPanel::Screen>{{screen, screen}}; };
         env.pointer = [this] { return pointer; };
         env.milliseconds = [this] { return milliseconds; };
         panel.reset(); // one panel at a time
@@ -50,43 +49,6 @@ struct Widget : AppFixture {
 class WidgetTests : public QObject {
     Q_OBJECT
   private Q_SLOTS:
-    void visibilityFollowsTheRule()
-    {
-        const struct {
-            bool sessions, connected;
-            QVariant setting;
-            bool shown;
-        } cases[] = {
-            {false, false, {}, true}, // empty, not connected: offers to connect
-            {false, true, {}, false}, // empty, connected: nothing to show
-            {true, true, {}, true},
-            {true, true, false, false}, // hidden by the user
-        };
-        for (const auto& c : cases) {
-            Widget w;
-            if (c.setting.isValid()) w.set("widget.visible", c.setting);
-            if (c.connected) w.model->connectClaudeCode();
-            w.model->refreshHookState();
-            if (c.sessions) w.put("a", Phase::running);
-            w.makePanel().refreshVisibility();
-            QCOMPARE(w.panel->isShown(), c.shown);
-            w.set("widget.visible", false); // turning the setting off always hides it
-            QVERIFY(!w.panel->isShown());
-        }
-    }
-
-    void firstSessionExpandsACompactWidget()
-    {
-        Widget w;
-        w.makePanel();
-        w.set("widget.compact", true);
-        w.put("a", Phase::running);
-        QVERIFY(!w.setting("widget.compact"));
-        w.set("widget.compact", true); // later sessions leave the user's choice alone
-        w.put("b", Phase::running);
-        QVERIFY(w.setting("widget.compact"));
-    }
-
     void clickJumpsDragMovesAndIsSaved()
     {
         Widget w;
@@ -103,8 +65,7 @@ class WidgetTests : public QObject {
         };
         drag({3, 0}); // within the threshold: a click
         QCOMPARE(w.jumper.jumped, std::vector<std::string>{"a"});
-        QVERIFY(!w.settings.contains("widget.placement"));
-        QCOMPARE(w.panel->widget()->geometry(), start);
+        QVERIFY(!w.settings.contains("widget.placement") && w.panel->widget()->geometry() == start);
 
         drag({-400, 0});
         QCOMPARE(w.jumper.jumped.size(), std::size_t(1));
@@ -124,59 +85,48 @@ class WidgetTests : public QObject {
         auto& bar = *static_cast<HoverBar*>(w.panel->bar());
         QCOMPARE(bar.details(),
                  (QStringList{"Skeldrin", "2 sessions", "Point at a session to see what it's doing"}));
-        const auto& row = w.view().rows().back();
-        w.pointer = w.onScreen(row.frame.center());
+        w.pointer = w.onScreen(w.view().rows().back().frame.center());
         w.mouse(QEvent::MouseMove, w.pointer, Qt::NoButton);
         QVERIFY(w.panel->isBarShown());
-        QCOMPARE(bar.details().size(), 4);
-        QCOMPARE(bar.details().last(), "Fix the build");
+        QCOMPARE(bar.details().mid(3), QStringList{"Fix the build"});
         w.pointer = QPointF(10, 10);
         w.panel->checkPointer();
-        w.milliseconds += 200;
-        w.panel->checkPointer();
-        QVERIFY(w.panel->isBarShown());
-        w.milliseconds += 50;
+        QVERIFY(w.panel->isBarShown()); // until the pointer has lingered outside
+        w.milliseconds += 250;
         w.panel->checkPointer();
         QVERIFY(!w.panel->isBarShown());
     }
 
-    void rowsPaintTheirColoursAndAreSetApart()
+    void rowsPaintTheirColoursAndRingsAnimateOnlyWhileSomethingWaits()
     {
         Widget w;
         w.put("a", Phase::running);
         w.put("b", Phase::idle);
         Palette::setColor(Status::running, QColor(QStringLiteral("#FF00FF")), w.settings);
-        w.makePanel();
+        w.makePanel().refreshVisibility();
         WidgetView& v = w.view();
         QCOMPARE(v.rows().size(), std::size_t(2));
         QImage image(v.sizeHint(), QImage::Format_ARGB32_Premultiplied);
         image.fill(Qt::transparent);
         v.render(&image);
-        for (const auto& row : v.rows()) {
+        for (const auto& row : v.rows())
             QCOMPARE(image.pixelColor(row.dot.toPoint()).rgb(),
                      Palette::color(row.entry.shade, w.settings).rgb());
-        }
         // The second session is set apart by a dash under the dots; the rest of the gap stays clear.
         const QPoint onDash = v.rows().back().spacer.topLeft().toPoint() + QPoint(2, 0);
         QVERIFY(image.pixelColor(onDash).lightness() >
                 image.pixelColor(onDash + QPoint(20, 0)).lightness() + 10);
-    }
 
-    void ringsAnimateOnlyWhileSomethingWaits()
-    {
-        Widget w;
-        w.put("a", Phase::running);
-        w.makePanel().refreshVisibility();
-        QVERIFY(!w.view().animating());
+        QVERIFY(!v.animating());
         w.put("a", Phase::running, {}, 1);
-        QVERIFY(w.view().animating());
+        QVERIFY(v.animating());
         // Hidden, the ring stops; shown again while it still waits, it resumes.
         w.set("widget.visible", false);
-        QVERIFY(!w.view().animating());
+        QVERIFY(!v.animating());
         w.set("widget.visible", true);
-        QVERIFY(w.view().animating());
+        QVERIFY(v.animating());
         w.put("a", Phase::idle);
-        QVERIFY(!w.view().animating());
+        QVERIFY(!v.animating());
         QVERIFY(!PingClock::shared().running()); // no timer left behind
     }
 
@@ -189,19 +139,19 @@ class WidgetTests : public QObject {
         WidgetView& view = w.view();
         const auto chevron = [&] { return view.rows().front().toggle.center(); };
         QCOMPARE(view.rows().size(), std::size_t(2));
-        QCOMPARE(view.helpTextAt(chevron()), QStringLiteral("Hide background runs"));
+        QCOMPARE(view.helpTextAt(chevron()), "Hide background runs");
         view.clickAt(chevron());
         QCOMPARE(view.rows().size(), std::size_t(1));
-        QCOMPARE(view.helpTextAt(chevron()), QStringLiteral("Show background runs"));
-        QCOMPARE(view.helpTextAt(view.rows().front().frame.center()), QString());
-        QVERIFY(w.jumper.jumped.empty());
+        QCOMPARE(view.helpTextAt(chevron()), "Show background runs");
+        QVERIFY(view.helpTextAt(view.rows().front().frame.center()).isEmpty() && w.jumper.jumped.empty());
     }
 
-    void noticeOffersToConnectAndTheCardMenuCompacts()
+    void showsWhatThereIsAndFollowsItsSettings()
     {
         Widget w;
-        w.makePanel();
-        QCOMPARE(w.view().noticeTitle(), "Connect Claude Code"); // no sessions and no hooks
+        w.makePanel().refreshVisibility();
+        QVERIFY(w.panel->isShown()); // no sessions and no hooks: it offers to connect
+        QCOMPARE(w.view().noticeTitle(), "Connect Claude Code");
         int extended = 0;
         w.panel->setCardMenuExtension([&](QMenu& menu) { extended = int(menu.actions().size()); });
         QMenu menu;
@@ -209,6 +159,23 @@ class WidgetTests : public QObject {
         QCOMPARE(extended, 4); // after Compact, Settings…, a divider and Quit
         menu.actions().front()->trigger();
         QVERIFY(w.setting("widget.compact"));
+
+        w.model->connectClaudeCode();
+        w.model->refreshHookState();
+        w.panel->refreshVisibility();
+        QVERIFY(!w.panel->isShown()); // connected and empty: nothing to show
+        w.put("a", Phase::running);
+        w.panel->refreshVisibility();
+        QVERIFY(w.panel->isShown());
+        QVERIFY(!w.setting("widget.compact")); // the first session expands it
+        w.set("widget.compact", true);         // later sessions leave the user's choice alone
+        w.put("b", Phase::running);
+        QVERIFY(w.setting("widget.compact"));
+
+        w.set("widget.visible", false);
+        QVERIFY(!w.panel->isShown());
+        w.makePanel().refreshVisibility();
+        QVERIFY(!w.panel->isShown());
     }
 };
 
