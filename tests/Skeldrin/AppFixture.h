@@ -10,8 +10,13 @@ namespace skeldrin::test {
 
 class RecordingJumper : public ImmediateJumper {
   public:
-    void jump(const Session& session) override { jumped.push_back(session.id); }
+    void jump(const Session& session) override
+    {
+        jumped.push_back(session.id);
+        if (failWith) throw std::runtime_error(*failWith);
+    }
     std::vector<std::string> jumped;
+    std::optional<std::string> failWith;
 };
 
 class RecordingAlerts : public Alerts {

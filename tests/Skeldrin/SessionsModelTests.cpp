@@ -3,12 +3,12 @@
 #include "TrackerCore/Files.h"
 #include "TrackerCore/ProcessInspector.h"
 #include "tests/Skeldrin/AppFixture.h"
+#include "tests/support/TestFiles.h"
 
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QtTest>
 #include <csignal>
-#include <fstream>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,30 +29,6 @@ class TestClock : public Clock {
     microseconds offset{0};
 };
 
-class TestProcesses : public ProcessTable {
-  public:
-    bool isAlive(const ProcessRef& p) const override
-    {
-        return alive.count(p.pid) && alive.at(p.pid) == p.startTime;
-    }
-    std::optional<std::string> executablePath(std::int32_t pid) const override
-    {
-        return alive.count(pid) ? std::optional("/opt/claude/" + std::to_string(pid) + "/claude")
-                                : std::nullopt;
-    }
-    std::map<std::int32_t, double> alive;
-};
-
-class FailingJumper : public test::RecordingJumper {
-  public:
-    void jump(const Session& s) override
-    {
-        RecordingJumper::jump(s);
-        if (failWith) throw std::runtime_error(*failWith);
-    }
-    std::optional<std::string> failWith;
-};
-
 // Transcript lines: a background Bash command started at `at`, and an interrupt at `at`.
 std::string backgroundRun(const std::string& id, Date at, const std::string& command)
 {
@@ -66,15 +42,14 @@ std::string interrupt(const std::string& at)
            R"(","message":{"content":"[Request interrupted by user for tool use]"}})";
 }
 
-// Everything one test works on, fresh for each test.
+// Everything one test works on, fresh for each test; processes are asked of the system.
 struct World {
     QTemporaryDir temp;
     fs::path root = temp.path().toStdString();
     fs::path sessionsDir = root / "sessions";
     SessionStore store{sessionsDir};
     TestClock clock;
-    TestProcesses processes;
-    FailingJumper jumper;
+    test::RecordingJumper jumper;
     test::RecordingAlerts alerts;
     AppSettings settings{temp.filePath("settings.ini")};
     std::vector<std::pair<Headliner::Request, std::function<void(Headliner::Outcome)>>> headlines;
@@ -93,7 +68,6 @@ class SessionsModelTests : public QObject {
     {
         SessionsModel::Dependencies deps;
         deps.clock = &w->clock;
-        deps.processes = &w->processes;
         deps.jumper = &w->jumper;
         deps.alerts = &w->alerts;
         deps.settings = &w->settings;
@@ -127,23 +101,23 @@ class SessionsModelTests : public QObject {
         const auto bytes = files::readWholeFile(w->sessionsDir / (id + ".json"));
         return bytes ? std::optional(decodeSession(*bytes)) : std::nullopt;
     }
-    std::string transcript(const std::string& content)
+    std::string transcript(const std::string& name, const std::string& content)
     {
-        std::ofstream(w->root / "t.jsonl") << content;
-        return (w->root / "t.jsonl").string();
+        test::writeText(w->root / name, content);
+        return (w->root / name).string();
     }
-    static std::string ids(const std::vector<ListedSession>& rows)
+    static QString ids(const std::vector<ListedSession>& rows)
     {
-        std::string out;
+        QStringList out;
         for (const auto& r : rows)
-            out += (out.empty() ? "" : " ") + r.id();
-        return out;
+            out << QString::fromStdString(r.id());
+        return out.join(' ');
     }
 
   private Q_SLOTS:
     void init() { w = std::make_unique<World>(); }
 
-    void reloadSortsAndPublishesOnlyChanges()
+    void reloadSortsPublishesOnlyChangesAndFollowsTheDirectory()
     {
         for (const auto& [id, age] : {std::pair{"b", 10}, {"a", 10}, {"c", 20}})
             put(id, age);
@@ -151,52 +125,55 @@ class SessionsModelTests : public QObject {
         QSignalSpy changed(model.get(), &SessionsModel::storedChanged);
         QCOMPARE(model->stored()[0].id + model->stored()[1].id + model->stored()[2].id,
                  "cab"); // by age, then id
-
-        const std::string same = encodeSession(*read("a"));
-        std::ofstream(w->sessionsDir / "a.json") << same;
+        test::writeText(w->sessionsDir / "a.json", encodeSession(*read("a")));
         model->reload();
         QCOMPARE(changed.count(), 0);
 
-        std::ofstream(w->sessionsDir / "broken.json") << "{ not json";
-        put("d", 1);
-        model->reload();
-        QCOMPARE(changed.count(), 1);
-        QCOMPARE(model->stored().size(), std::size_t(4));
-    }
-
-    void watchReloadsAndSurvivesTheDirectoryGoing()
-    {
-        auto model = makeModel();
         model->start();
-        put("a", 4); // seen through the directory watch, not the (hour-long) timer
-        QTRY_COMPARE(model->stored().size(), std::size_t(1));
+        test::writeText(w->sessionsDir / "broken.json", "{ not json");
+        put("d", 1); // seen through the directory watch, not the (hour-long) timer
+        QTRY_COMPARE(model->stored().size(), std::size_t(4));
+        QCOMPARE(changed.count(), 1);
         fs::remove_all(w->sessionsDir);
         model->refreshCycle();
-        QCOMPARE(model->stored().size(), std::size_t(1)); // the last list stays
+        QCOMPARE(model->stored().size(), std::size_t(4)); // the last list stays
     }
 
-    void transcriptsGiveTitlesAndRuns()
+    void transcriptsGiveTitlesRunsAndInterrupts()
     {
+        const auto self = ProcessInspector::ref(getpid());
         const auto path =
-            transcript(R"({"type":"custom-title","customTitle":"Ship it"})"
-                       "\n" +
-                       backgroundRun("old", realNow() - hours(5), "sleep 1") +
-                       backgroundRun("t1", realNow() - seconds(30), "make") +
-                       R"({"type":"user","message":{"content":[{"type":"tool_result","tool_use_id":"t1",)"
-                       R"("content":"Command running in background with ID: b1. timeout 600000ms"}]}})");
+            transcript("t.jsonl", R"({"type":"custom-title","customTitle":"Ship it"})"
+                                  "\n" +
+                                      backgroundRun("old", realNow() - hours(5), "sleep 1") +
+                                      backgroundRun("t1", realNow() + seconds(2), "make") +
+                                      R"({"type":"user","message":{"content":[{"type":"tool_result",)"
+                                      R"("tool_use_id":"t1","content":"Command running in background )"
+                                      R"(with ID: b1. timeout 600000ms"}]}})");
         put("s", 60, [&](Session& s) {
             s.transcriptPath = path;
-            s.process = ProcessRef{77, secondsSince1970(realNow() - hours(1))};
+            s.process = self;
         });
-        w->processes.alive[77] = read("s")->process->startTime;
+        // An interrupt ends the turn of a session that has not changed since.
+        const std::string stamp = formatIso8601(realNow() + seconds(5));
+        for (const char* id : {"run", "old"})
+            put(id, 30, [&](Session& s) {
+                s.transcriptPath = transcript("u.jsonl", interrupt(stamp));
+                s.phase = Phase::running;
+                if (s.id == "old") s.changedAt = realNow() + seconds(10);
+            });
         auto model = makeModel();
         model->readTranscripts();
+        QCOMPARE(read("run")->changedAt, *parseIso8601(stamp));
+        QCOMPARE(read("run")->status(), Status::ready);
+        QCOMPARE(read("old")->status(), Status::running);
+
         const auto rows = model->list();
-        QCOMPARE(ids(rows), std::string("s task-t1")); // not the task from before this process started
+        QCOMPARE(ids(rows), "s task-t1 old run"); // not the task from before this process started
         QVERIFY(rows[0].shade == Shade::waitingOnRuns());
         QCOMPARE(*model->parentName(rows[1].session), std::string("Ship it"));
         model->toggleRuns(rows[0]);
-        QCOMPARE(ids(model->list()), std::string("s"));
+        QCOMPARE(ids(model->list()), "s old run");
 
         // The run expires 10 minutes after it started, on a tick, with no file change.
         w->clock.offset = minutes(11);
@@ -204,39 +181,31 @@ class SessionsModelTests : public QObject {
         QVERIFY(model->list()[0].shade == Shade::of(Status::ready));
     }
 
-    void interruptsNewerThanTheLastChangeEndTheTurn()
-    {
-        const std::string stamp = formatIso8601(realNow() + seconds(5));
-        const auto path = transcript(interrupt(stamp));
-        for (const char* id : {"run", "old"})
-            put(id, 60, [&](Session& s) {
-                s.transcriptPath = path;
-                s.phase = Phase::running;
-            });
-        change("old",
-               [](Session& s) { s.changedAt = realNow() + seconds(10); }); // changed after the interrupt
-        makeModel()->readTranscripts();
-        QCOMPARE(read("run")->changedAt, *parseIso8601(stamp));
-        QCOMPARE(read("run")->status(), Status::ready);
-        QCOMPARE(read("old")->status(), Status::running);
-    }
-
     void deadProcessesEndOrRemoveTheirSessions()
     {
-        put("cli", 30, [](Session& s) { s.process = ProcessRef{10, 1.0}; });
-        put("vscode", 20, [](Session& s) {
-            s.process = ProcessRef{11, 1.0};
+        const pid_t child = fork();
+        if (child == 0) {
+            pause();
+            _exit(0);
+        }
+        const auto self = ProcessInspector::ref(getpid()), doomed = ProcessInspector::ref(child);
+        QVERIFY(self && doomed);
+        put("vscode", 20, [&](Session& s) {
+            s.process = doomed;
             s.origin.entrypoint = "claude-vscode";
             s.phase = Phase::running;
         });
-        put("alive", 10, [](Session& s) { s.process = ProcessRef{12, 2.0}; });
-        w->processes.alive = {{12, 2.0}, {10, 1.5}}; // pid 10 now belongs to another process
+        put("reused", 15, [&](Session& s) { s.process = ProcessRef{self->pid, self->startTime + 1}; });
+        put("alive", 10, [&](Session& s) { s.process = self; });
         auto model = makeModel();
+        model->refreshCycle(); // the child is alive: from now on it is watched
+        QVERIFY(read("vscode")->process && !read("reused"));
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
         model->refreshCycle();
-        QVERIFY(!read("cli"));
         const auto ended = read("vscode");
         QVERIFY(ended && ended->endedAt && !ended->process && ended->phase == Phase::idle);
-        QCOMPARE(model->runningClaudes(), QStringList{"/opt/claude/12/claude"});
+        QCOMPARE(model->runningClaudes(), QStringList{QCoreApplication::applicationFilePath()});
     }
 
     void jumpingAndDismissingMarkSeenHideOrDelete()
@@ -258,11 +227,9 @@ class SessionsModelTests : public QObject {
         QVERIFY(read("waiting")->dismissedAt);
         QCOMPARE(model->mostUrgent(), std::optional(Status::ready)); // children never count
 
-        w->jumper.failWith = "The app that started this session (com.x) isn't installed.";
+        w->jumper.failWith = "The app is gone.";
         model->jump(model->list()[0]);
-        QCOMPARE(
-            w->alerts.shown,
-            QStringList{"Couldn't open ready | The app that started this session (com.x) isn't installed."});
+        QCOMPARE(w->alerts.shown, QStringList{"Couldn't open ready | The app is gone."});
 
         fs::create_directories(w->sessionsDir / "odd.json"); // cannot be read as a file
         model->dismiss(Session("odd", "claude", "/w/odd", {}, std::nullopt, realNow()));
@@ -306,23 +273,6 @@ class SessionsModelTests : public QObject {
         model->setHeadlinesEnabled(true);
         QCOMPARE(requests.back().first.project, QStringLiteral("h2"));
         QCOMPARE(*model->headlineError(), "Couldn't find Claude Code on " + platform::thisMachine() + ".");
-    }
-
-    void systemProcessTableFollowsARealProcess()
-    {
-        const auto table = makeSystemProcessTable();
-        const pid_t child = fork();
-        if (child == 0) {
-            pause();
-            _exit(0);
-        }
-        const auto ref = ProcessInspector::ref(child);
-        QVERIFY(ref && table->isAlive(*ref));
-        QVERIFY(table->isAlive(*ref));                                      // now answered by its pidfd
-        QVERIFY(!table->isAlive(ProcessRef{ref->pid, ref->startTime + 1})); // same pid, another process
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
-        QVERIFY(!table->isAlive(*ref));
     }
 };
 
