@@ -3,7 +3,6 @@
 #include "Skeldrin/cli/Cli.h"
 #include "TrackerCore/Text.h"
 #include "tests/Skeldrin/AppFixture.h"
-#include "tests/support/TestFiles.h"
 #include "tests/support/TestProcesses.h"
 
 #include <QDeadlineTimer>
@@ -32,27 +31,15 @@ QByteArray payload(const QString& name, const QString& id, const QString& extra 
         .toUtf8();
 }
 
-QJsonObject rowOf(const QJsonObject& status, const QString& id)
-{
-    for (const auto value : status["sessions"].toArray())
-        if (value.toObject()["id"].toString() == id) return value.toObject();
-    return {};
-}
-
-QStringList idsOf(const QJsonObject& status)
-{
-    QStringList ids;
-    for (const auto value : status["sessions"].toArray())
-        ids << value.toObject()["id"].toString();
-    return ids;
-}
-
 // The row's fields, "field=value|field=value", values as strings.
 void compareFields(const QJsonObject& status, const QString& id, const QString& fields)
 {
+    QJsonObject row;
+    for (const auto value : status["sessions"].toArray())
+        if (value.toObject()["id"] == id) row = value.toObject();
     for (const QString& expected : fields.split('|')) {
         const QString field = expected.section('=', 0, 0);
-        const QJsonValue value = rowOf(status, id)[field];
+        const QJsonValue value = row[field];
         const QString seen = value.isBool()     ? (value.toBool() ? "true" : "false")
                              : value.isNull()   ? "null"
                              : value.isDouble() ? QString::number(value.toInt())
@@ -91,7 +78,6 @@ class CliTests : public QObject {
         const Ran ran = skeldrin({"status", "--json"});
         return ran.exitCode == 0 ? QJsonDocument::fromJson(ran.out).object() : QJsonObject();
     }
-    SessionStore store() const { return SessionStore(path("data/Skeldrin/sessions").toStdString()); }
     QString settingsFile() const { return path(".claude/settings.json"); }
 
     static bool waitForOutput(QProcess& process, QByteArray& seen, const QByteArray& wanted)
@@ -117,7 +103,6 @@ class CliTests : public QObject {
                      R"(,"tool_name":"Bash","tool_input":{"command":"ls"})"));
 
         QJsonObject status = statusJson();
-        QCOMPARE(idsOf(status), (QStringList{"main-run", "main-wait"}));
         QCOMPARE(status["mostUrgent"].toString(), "waiting");
         compareFields(
             status, "main-run",
@@ -128,11 +113,11 @@ class CliTests : public QObject {
         hook(payload("PermissionRequest", "main-wait",
                      R"(,"tool_name":"Bash","tool_input":{"command":"rm -r build"})"));
         Session s("titled", "claude", "/work/gamma", Origin{}, std::nullopt, SystemClock().now());
-        s.title = "Login work";
         s.headline = "Fix login";
         s.headlinePrompt = s.lastPrompt = "make login work";
         s.endedAt = parseIso8601("2025-02-03T04:05:06.789Z");
-        store().update(s.id, [&](const std::optional<Session>&) { return s; });
+        SessionStore(path("data/Skeldrin/sessions").toStdString())
+            .update(s.id, [&](const std::optional<Session>&) { return s; });
         home_->setSetting("headlines.enabled", true);
         status = statusJson();
         QCOMPARE(status["mostUrgent"].toString(), "multiStepWaiting");
@@ -153,14 +138,12 @@ class CliTests : public QObject {
         AppFixture app;
         const Date now = SystemClock().now();
         app.put("p", [&](Session& s) {
-            s.cwd = "/work/parser";
             s.changedAt = now - std::chrono::minutes(5);
             s.title = "Parent title";
             s.phase = Phase::running;
             s.lastPrompt = "please refactor the whole parser so that it reads lines lazily and stops early";
         });
         app.put("c", [&](Session& s) {
-            s.cwd = "/work/parser";
             s.changedAt = now - std::chrono::minutes(4);
             s.title = "Child\x1b]0;evil\x07";
             s.parentId = "p";
@@ -194,15 +177,13 @@ class CliTests : public QObject {
     {
         const Ran ran = skeldrin({"transcript", SKELDRIN_FIXTURES "/cli/transcript.jsonl", "--json"});
         QCOMPARE(ran.exitCode, 0);
-        const QJsonObject tail = QJsonDocument::fromJson(ran.out).object();
-        QCOMPARE(tail["title"].toString(), "Release checklist");
-        QCOMPARE(tail["interruptedAt"].toString(), "2025-03-01T10:05:00.250Z");
         // Long expired by now, and still listed: the reader's result as it is.
         QCOMPARE(
-            QJsonDocument(tail["runningBackgroundTasks"].toArray()).toJson(QJsonDocument::Compact),
-            R"([{"expiresAt":"2025-03-01T10:05:00.000Z","id":"toolu_bg1","startedAt":"2025-03-01T10:00:00.000Z",)"
-            R"("title":"npm run dev"},{"expiresAt":null,"id":"toolu_mon","startedAt":"2025-03-01T10:02:00.500Z",)"
-            R"("title":"Watch the deploy"}])");
+            QJsonDocument::fromJson(ran.out).toJson(QJsonDocument::Compact),
+            R"({"interruptedAt":"2025-03-01T10:05:00.250Z","runningBackgroundTasks":[{"expiresAt":)"
+            R"("2025-03-01T10:05:00.000Z","id":"toolu_bg1","startedAt":"2025-03-01T10:00:00.000Z","title":)"
+            R"("npm run dev"},{"expiresAt":null,"id":"toolu_mon","startedAt":"2025-03-01T10:02:00.500Z",)"
+            R"("title":"Watch the deploy"}],"title":"Release checklist"})");
 
         const Ran missing = skeldrin({"transcript", path("none.jsonl")});
         QCOMPARE(missing.exitCode, 1);
@@ -212,19 +193,16 @@ class CliTests : public QObject {
     void connectAndDisconnectEditOnlyTheirOwnHooks()
     {
         // A settings file it cannot read is left alone, with nothing beside it.
-        QVERIFY(QDir().mkpath(path(".claude")));
-        const std::string array = "[\"not\", \"an object\"]\n";
-        writeText(settingsFile().toStdString(), array);
+        const QByteArray array = "[\"not\", \"an object\"]\n";
+        QVERIFY(writeBytes(settingsFile(), array));
         QVERIFY(skeldrin({"connect"}).err.startsWith("Couldn't update Claude Code settings: "));
-        QCOMPARE(readText(settingsFile().toStdString()), array);
+        QCOMPARE(readBytes(settingsFile()), array);
         QCOMPARE(QDir(path(".claude")).entryList(QDir::Files), QStringList{"settings.json"});
 
-        writeText(settingsFile().toStdString(),
-                  R"({"model":"opus","hooks":{"Stop":[{"hooks":[{"type":"command",)"
-                  R"("command":"notify-send done"}]}]}})");
+        QVERIFY(writeBytes(settingsFile(), R"({"model":"opus","hooks":{"Stop":[{"hooks":[{"type":"command",)"
+                                           R"("command":"notify-send done"}]}]}})"));
         const auto settings = [&] {
-            const std::string text = readText(settingsFile().toStdString());
-            return QJsonValue(QJsonDocument::fromJson(QByteArray::fromStdString(text)).object());
+            return QJsonValue(QJsonDocument::fromJson(readBytes(settingsFile())).object());
         };
         QVERIFY(skeldrin({"connect"}).out.contains(settingsFile().toUtf8()));
         QCOMPARE(skeldrin({"hooks"}).out, "installed\n");
@@ -250,26 +228,21 @@ class CliTests : public QObject {
         }
     }
 
-    void watchRedrawsOnChangeAndStopsOnSignals()
+    void watchRedrawsOnChangeAndStopsOnInterrupt()
     {
-        for (const int signal : {SIGINT, SIGTERM}) {
-            std::filesystem::remove_all(path("data").toStdString()); // each round starts with no sessions
-            QProcess watch;
-            watch.setProcessEnvironment(environment());
-            watch.start(kSkeldrin, {"watch"});
-            QVERIFY(watch.waitForStarted(kTimeoutMs));
-            QByteArray seen;
-            QVERIFY2(waitForOutput(watch, seen, "No sessions."), seen.constData());
+        QProcess watch;
+        watch.setProcessEnvironment(environment());
+        watch.start(kSkeldrin, {"watch"});
+        QVERIFY(watch.waitForStarted(kTimeoutMs));
+        QByteArray seen;
+        QVERIFY2(waitForOutput(watch, seen, "No sessions."), seen.constData());
+        hook(payload("SessionStart", "watched", R"(,"session_title":"Watched title")"));
+        QVERIFY2(waitForOutput(watch, seen, "Watched title"), seen.constData());
 
-            const QString id = QStringLiteral("watched-%1").arg(signal);
-            hook(payload("SessionStart", id, QStringLiteral(R"(,"session_title":"Title %1")").arg(id)));
-            QVERIFY2(waitForOutput(watch, seen, "Title " + id.toUtf8()), seen.constData());
-
-            ::kill(static_cast<pid_t>(watch.processId()), signal);
-            QVERIFY(watch.waitForFinished(kTimeoutMs));
-            QCOMPARE(watch.exitStatus(), QProcess::NormalExit);
-            QCOMPARE(watch.exitCode(), 0);
-        }
+        ::kill(static_cast<pid_t>(watch.processId()), SIGINT);
+        QVERIFY(watch.waitForFinished(kTimeoutMs));
+        QCOMPARE(watch.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(watch.exitCode(), 0);
     }
 };
 
