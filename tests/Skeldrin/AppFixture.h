@@ -48,8 +48,9 @@ struct AppFixture {
     TestUpdates updates;
     std::unique_ptr<SessionsModel> model;
 
-    // Alerts go to `shownBy` when given, else they are recorded in `alerts`.
-    explicit AppFixture(Alerts* shownBy = nullptr)
+    // Alerts go to `shownBy` when given, else they are recorded in `alerts`; `adjust` may change the rest.
+    explicit AppFixture(Alerts* shownBy = nullptr,
+                        const std::function<void(SessionsModel::Dependencies&)>& adjust = {})
     {
         std::filesystem::create_directories(sessionsDir);
         SessionsModel::Dependencies deps;
@@ -59,6 +60,7 @@ struct AppFixture {
         deps.hookExecutable = std::filesystem::path(temp.path().toStdString()) / "app/skeldrin-hook";
         deps.claudeSettings = claudeSettings;
         deps.cycleMilliseconds = 3600 * 1000; // tests reload themselves
+        if (adjust) adjust(deps);
         model = std::make_unique<SessionsModel>(store, std::move(deps));
     }
 

@@ -5,7 +5,6 @@
 #include "tests/Skeldrin/AppFixture.h"
 #include "tests/support/TestProcesses.h"
 
-#include <QDeadlineTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -79,17 +78,6 @@ class CliTests : public QObject {
         return ran.exitCode == 0 ? QJsonDocument::fromJson(ran.out).object() : QJsonObject();
     }
     QString settingsFile() const { return path(".claude/settings.json"); }
-
-    static bool waitForOutput(QProcess& process, QByteArray& seen, const QByteArray& wanted)
-    {
-        const QDeadlineTimer deadline(kTimeoutMs);
-        while (!seen.contains(wanted)) {
-            if (deadline.hasExpired() || process.state() != QProcess::Running) return false;
-            process.waitForReadyRead(static_cast<int>(std::max<qint64>(1, deadline.remainingTime())));
-            seen += process.readAllStandardOutput();
-        }
-        return true;
-    }
 
   private Q_SLOTS:
     void init() { home_ = std::make_unique<TempHome>(); }
@@ -235,9 +223,13 @@ class CliTests : public QObject {
         watch.start(kSkeldrin, {"watch"});
         QVERIFY(watch.waitForStarted(kTimeoutMs));
         QByteArray seen;
-        QVERIFY2(waitForOutput(watch, seen, "No sessions."), seen.constData());
+        const auto shows = [&](const char* wanted) {
+            return QTest::qWaitFor([&] { return (seen += watch.readAllStandardOutput()).contains(wanted); },
+                                   kTimeoutMs);
+        };
+        QVERIFY2(shows("No sessions."), seen.constData());
         hook(payload("SessionStart", "watched", R"(,"session_title":"Watched title")"));
-        QVERIFY2(waitForOutput(watch, seen, "Watched title"), seen.constData());
+        QVERIFY2(shows("Watched title"), seen.constData());
 
         ::kill(static_cast<pid_t>(watch.processId()), SIGINT);
         QVERIFY(watch.waitForFinished(kTimeoutMs));

@@ -43,18 +43,23 @@ std::string interrupt(const std::string& at)
 }
 
 // Everything one test works on, fresh for each test; processes are asked of the system.
-struct World {
-    QTemporaryDir temp;
-    fs::path root = temp.path().toStdString();
-    fs::path sessionsDir = root / "sessions";
-    SessionStore store{sessionsDir};
+struct World : test::AppFixture {
     TestClock clock;
-    test::RecordingJumper jumper;
-    test::RecordingAlerts alerts;
-    AppSettings settings{temp.filePath("settings.ini")};
     std::vector<std::pair<Headliner::Request, std::function<void(Headliner::Outcome)>>> headlines;
     std::optional<QString> locatedClaude = QStringLiteral("/usr/bin/claude");
     Date base = realNow(); // one instant per test, so that equal ages mean equal start times
+
+    World()
+        : AppFixture(nullptr, [this](SessionsModel::Dependencies& deps) {
+            deps.clock = &clock;
+            deps.headlineWriter = [this](const Headliner::Request& r, const QStringList&, QObject*,
+                                         auto done) {
+                headlines.push_back({r, std::move(done)});
+            };
+            deps.claudeLocator = [this](const QStringList&, QObject*, auto found) { found(locatedClaude); };
+        })
+    {
+    }
 };
 
 } // namespace
@@ -64,23 +69,10 @@ class SessionsModelTests : public QObject {
 
     std::unique_ptr<World> w;
 
-    std::unique_ptr<SessionsModel> makeModel()
+    SessionsModel& loaded()
     {
-        SessionsModel::Dependencies deps;
-        deps.clock = &w->clock;
-        deps.jumper = &w->jumper;
-        deps.alerts = &w->alerts;
-        deps.settings = &w->settings;
-        deps.hookExecutable = w->root / "app/skeldrin-hook"; // nothing outside the temporary folder
-        deps.claudeSettings = w->root / "claude/settings.json";
-        deps.cycleMilliseconds = 3600 * 1000; // tests drive the cycle themselves
-        deps.headlineWriter = [this](const Headliner::Request& r, const QStringList&, QObject*, auto done) {
-            w->headlines.push_back({r, std::move(done)});
-        };
-        deps.claudeLocator = [this](const QStringList&, QObject*, auto found) { found(w->locatedClaude); };
-        auto model = std::make_unique<SessionsModel>(w->store, std::move(deps));
-        model->reload();
-        return model;
+        w->model->reload();
+        return *w->model;
     }
 
     void put(const std::string& id, int startedSecondsAgo, const std::function<void(Session&)>& edit = {})
@@ -103,8 +95,9 @@ class SessionsModelTests : public QObject {
     }
     std::string transcript(const std::string& name, const std::string& content)
     {
-        test::writeText(w->root / name, content);
-        return (w->root / name).string();
+        const fs::path file = w->sessionsDir.parent_path() / name;
+        test::writeText(file, content);
+        return file.string();
     }
     static QString ids(const std::vector<ListedSession>& rows)
     {
@@ -121,22 +114,22 @@ class SessionsModelTests : public QObject {
     {
         for (const auto& [id, age] : {std::pair{"b", 10}, {"a", 10}, {"c", 20}})
             put(id, age);
-        auto model = makeModel();
-        QSignalSpy changed(model.get(), &SessionsModel::storedChanged);
-        QCOMPARE(model->stored()[0].id + model->stored()[1].id + model->stored()[2].id,
+        auto& model = loaded();
+        QSignalSpy changed(&model, &SessionsModel::storedChanged);
+        QCOMPARE(model.stored()[0].id + model.stored()[1].id + model.stored()[2].id,
                  "cab"); // by age, then id
         test::writeText(w->sessionsDir / "a.json", encodeSession(*read("a")));
-        model->reload();
+        model.reload();
         QCOMPARE(changed.count(), 0);
 
-        model->start();
+        model.start();
         test::writeText(w->sessionsDir / "broken.json", "{ not json");
         put("d", 1); // seen through the directory watch, not the (hour-long) timer
-        QTRY_COMPARE(model->stored().size(), std::size_t(4));
+        QTRY_COMPARE(model.stored().size(), std::size_t(4));
         QCOMPARE(changed.count(), 1);
         fs::remove_all(w->sessionsDir);
-        model->refreshCycle();
-        QCOMPARE(model->stored().size(), std::size_t(4)); // the last list stays
+        model.refreshCycle();
+        QCOMPARE(model.stored().size(), std::size_t(4)); // the last list stays
     }
 
     void transcriptsGiveTitlesRunsAndInterrupts()
@@ -162,23 +155,23 @@ class SessionsModelTests : public QObject {
                 s.phase = Phase::running;
                 if (s.id == "old") s.changedAt = realNow() + seconds(10);
             });
-        auto model = makeModel();
-        model->readTranscripts();
+        auto& model = loaded();
+        model.readTranscripts();
         QCOMPARE(read("run")->changedAt, *parseIso8601(stamp));
         QCOMPARE(read("run")->status(), Status::ready);
         QCOMPARE(read("old")->status(), Status::running);
 
-        const auto rows = model->list();
+        const auto rows = model.list();
         QCOMPARE(ids(rows), "s task-t1 old run"); // not the task from before this process started
         QVERIFY(rows[0].shade == Shade::waitingOnRuns());
-        QCOMPARE(*model->parentName(rows[1].session), std::string("Ship it"));
-        model->toggleRuns(rows[0]);
-        QCOMPARE(ids(model->list()), "s old run");
+        QCOMPARE(*model.parentName(rows[1].session), std::string("Ship it"));
+        model.toggleRuns(rows[0]);
+        QCOMPARE(ids(model.list()), "s old run");
 
         // The run expires 10 minutes after it started, on a tick, with no file change.
         w->clock.offset = minutes(11);
-        model->refreshCycle();
-        QVERIFY(model->list()[0].shade == Shade::of(Status::ready));
+        model.refreshCycle();
+        QVERIFY(model.list()[0].shade == Shade::of(Status::ready));
     }
 
     void deadProcessesEndOrRemoveTheirSessions()
@@ -197,15 +190,15 @@ class SessionsModelTests : public QObject {
         });
         put("reused", 15, [&](Session& s) { s.process = ProcessRef{self->pid, self->startTime + 1}; });
         put("alive", 10, [&](Session& s) { s.process = self; });
-        auto model = makeModel();
-        model->refreshCycle(); // the child is alive: from now on it is watched
+        auto& model = loaded();
+        model.refreshCycle(); // the child is alive: from now on it is watched
         QVERIFY(read("vscode")->process && !read("reused"));
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
-        model->refreshCycle();
+        model.refreshCycle();
         const auto ended = read("vscode");
         QVERIFY(ended && ended->endedAt && !ended->process && ended->phase == Phase::idle);
-        QCOMPARE(model->runningClaudes(), QStringList{QCoreApplication::applicationFilePath()});
+        QCOMPARE(model.runningClaudes(), QStringList{QCoreApplication::applicationFilePath()});
     }
 
     void jumpingAndDismissingMarkSeenHideOrDelete()
@@ -217,22 +210,22 @@ class SessionsModelTests : public QObject {
             s.parentId = "waiting";
             s.phase = Phase::running;
         });
-        auto model = makeModel();
-        for (const auto& row : model->list())
-            model->jump(row);
+        auto& model = loaded();
+        for (const auto& row : model.list())
+            model.jump(row);
         QCOMPARE(w->jumper.jumped.size(), std::size_t(4));
         QVERIFY(read("ready")->seenAt && !read("waiting")->seenAt && !read("ended"));
 
-        model->dismiss(*read("waiting"));
+        model.dismiss(*read("waiting"));
         QVERIFY(read("waiting")->dismissedAt);
-        QCOMPARE(model->mostUrgent(), std::optional(Status::ready)); // children never count
+        QCOMPARE(model.mostUrgent(), std::optional(Status::ready)); // children never count
 
         w->jumper.failWith = "The app is gone.";
-        model->jump(model->list()[0]);
+        model.jump(model.list()[0]);
         QCOMPARE(w->alerts.shown, QStringList{"Couldn't open ready | The app is gone."});
 
         fs::create_directories(w->sessionsDir / "odd.json"); // cannot be read as a file
-        model->dismiss(Session("odd", "claude", "/w/odd", {}, std::nullopt, realNow()));
+        model.dismiss(Session("odd", "claude", "/w/odd", {}, std::nullopt, realNow()));
         QVERIFY(w->alerts.shown.last().startsWith("Couldn't remove odd | "));
     }
 
@@ -240,39 +233,39 @@ class SessionsModelTests : public QObject {
     {
         for (const char* id : {"h1", "h2", "h3"})
             put(id, 30, [](Session& s) { s.lastPrompt = "make the parser faster please"; });
-        auto model = makeModel();
+        auto& model = loaded();
         auto& requests = w->headlines;
-        model->setHeadlinesEnabled(true);
+        model.setHeadlinesEnabled(true);
         QVERIFY(w->settings.boolValue("headlines.enabled", false));
         QCOMPARE(requests.size(), std::size_t(2));
         QCOMPARE(requests[0].first.prompt, QStringLiteral("make the parser faster please"));
 
         requests[0].second(QStringLiteral("Faster parser"));
         requests[1].second(Headliner::Failure{Headliner::Failure::Kind::claudeFailed, "exit status 2"});
-        QCOMPARE(*model->headlineError(),
+        QCOMPARE(*model.headlineError(),
                  QStringLiteral("Claude Code couldn't write a headline: exit status 2"));
-        model->reload(); // the third request starts, the failed one is not retried
+        model.reload(); // the third request starts, the failed one is not retried
         QCOMPARE(requests.size(), std::size_t(3));
         QCOMPARE(requests[2].first.project, QStringLiteral("h3"));
-        QCOMPARE(model->displayName(*read("h1")), std::string("Faster parser"));
+        QCOMPARE(model.displayName(*read("h1")), std::string("Faster parser"));
 
         // A short follow-up keeps the headline; a longer prompt replaces it.
         change("h1", [](Session& s) { s.lastPrompt = "yes"; });
-        model->reload();
+        model.reload();
         QCOMPARE(requests.size(), std::size_t(3));
         change("h1", [](Session& s) { s.lastPrompt = "now add the json output"; });
-        model->reload();
+        model.reload();
         QCOMPARE(*requests.at(3).first.previous, QStringLiteral("Faster parser"));
 
         // Switching off and on forgets the failure.
-        model->setHeadlinesEnabled(false);
-        QCOMPARE(model->displayName(*read("h1")), std::string("h1"));
+        model.setHeadlinesEnabled(false);
+        QCOMPARE(model.displayName(*read("h1")), std::string("h1"));
         requests[2].second(QStringLiteral("Third"));
         requests[3].second(QStringLiteral("Json output"));
         w->locatedClaude.reset();
-        model->setHeadlinesEnabled(true);
+        model.setHeadlinesEnabled(true);
         QCOMPARE(requests.back().first.project, QStringLiteral("h2"));
-        QCOMPARE(*model->headlineError(), "Couldn't find Claude Code on " + platform::thisMachine() + ".");
+        QCOMPARE(*model.headlineError(), "Couldn't find Claude Code on " + platform::thisMachine() + ".");
     }
 };
 
