@@ -81,13 +81,6 @@ class SessionsModelTests : public QObject {
         if (edit) edit(s);
         w->store.update(id, [&](const auto&) { return std::optional(s); });
     }
-    void change(const std::string& id, const std::function<void(Session&)>& edit)
-    {
-        w->store.update(id, [&](std::optional<Session> s) {
-            edit(*s);
-            return s;
-        });
-    }
     std::optional<Session> read(const std::string& id)
     {
         const auto bytes = files::readWholeFile(w->sessionsDir / (id + ".json"));
@@ -250,10 +243,14 @@ class SessionsModelTests : public QObject {
         QCOMPARE(model.displayName(*read("h1")), std::string("Faster parser"));
 
         // A short follow-up keeps the headline; a longer prompt replaces it.
-        change("h1", [](Session& s) { s.lastPrompt = "yes"; });
+        const auto prompt = [&](const char* text) {
+            w->store.update("h1", [&](std::optional<Session> s) { return s->lastPrompt = text, s; });
+        };
+        prompt("yes");
         model.reload();
         QCOMPARE(requests.size(), std::size_t(3));
-        change("h1", [](Session& s) { s.lastPrompt = "now add the json output"; });
+        w->store.update(
+            "h1", [](std::optional<Session> s) { return s->lastPrompt = "now add the json output", s; });
         model.reload();
         QCOMPARE(*requests.at(3).first.previous, QStringLiteral("Faster parser"));
 
