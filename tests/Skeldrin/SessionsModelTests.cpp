@@ -29,17 +29,12 @@ class TestClock : public Clock {
     microseconds offset{0};
 };
 
-// Transcript lines: a background Bash command started at `at`, and an interrupt at `at`.
+// A transcript line: a background Bash command started at `at`.
 std::string backgroundRun(const std::string& id, Date at, const std::string& command)
 {
     return R"({"type":"assistant","timestamp":")" + formatIso8601(at) +
            R"(","message":{"content":[{"type":"tool_use","id":")" + id +
            R"(","name":"Bash","input":{"command":")" + command + R"(","run_in_background":true}}]}})" + "\n";
-}
-std::string interrupt(const std::string& at)
-{
-    return R"({"type":"user","timestamp":")" + at +
-           R"(","message":{"content":"[Request interrupted by user for tool use]"}})";
 }
 
 // Everything one test works on, fresh for each test; processes are asked of the system.
@@ -142,9 +137,12 @@ class SessionsModelTests : public QObject {
         });
         // An interrupt ends the turn of a session that has not changed since.
         const std::string stamp = formatIso8601(realNow() + seconds(5));
+        const auto interrupted = transcript("u.jsonl", R"({"type":"user","timestamp":")" + stamp +
+                                                           R"(","message":{"content":"[Request interrupted )"
+                                                           R"(by user for tool use]"}})");
         for (const char* id : {"run", "old"})
             put(id, 30, [&](Session& s) {
-                s.transcriptPath = transcript("u.jsonl", interrupt(stamp));
+                s.transcriptPath = interrupted;
                 s.phase = Phase::running;
                 if (s.id == "old") s.changedAt = realNow() + seconds(10);
             });
