@@ -30,7 +30,7 @@ QByteArray payload(const QString& name, const QString& id, const QString& extra 
         .toUtf8();
 }
 
-// The row's fields, "field=value|field=value", values as strings.
+// The row's fields, "field=value|field=value", with null as "null".
 void compareFields(const QJsonObject& status, const QString& id, const QString& fields)
 {
     QJsonObject row;
@@ -38,11 +38,7 @@ void compareFields(const QJsonObject& status, const QString& id, const QString& 
         if (value.toObject()["id"] == id) row = value.toObject();
     for (const QString& expected : fields.split('|')) {
         const QString field = expected.section('=', 0, 0);
-        const QJsonValue value = row[field];
-        const QString seen = value.isBool()     ? (value.toBool() ? "true" : "false")
-                             : value.isNull()   ? "null"
-                             : value.isDouble() ? QString::number(value.toInt())
-                                                : value.toString();
+        const QString seen = row[field].isNull() ? "null" : row[field].toString();
         QCOMPARE(id + ": " + field + '=' + seen, id + ": " + expected);
     }
 }
@@ -114,11 +110,11 @@ class CliTests : public QObject {
 
         // The same list for people, with no colour into a pipe.
         const QString out = QString::fromUtf8(skeldrin({"status"}).out);
-        QVERIFY2(out.startsWith("3 sessions · most urgent: Needs several approvals"), qPrintable(out));
-        QVERIFY2(out.contains("Running") && out.contains("fix the build") && !out.contains('\x1b'),
-                 qPrintable(out));
-        QVERIFY2(out.contains(QRegularExpression("\nEnded +Fix login")) && out.contains("isn't connected"),
-                 qPrintable(out));
+        const QRegularExpression shape(
+            "^3 sessions · most urgent: Needs several approvals · Claude Code isn't "
+            "connected.*\nRunning .*fix the build\n.*\nEnded +Fix login",
+            QRegularExpression::DotMatchesEverythingOption);
+        QVERIFY2(shape.match(out).hasMatch() && !out.contains('\x1b'), qPrintable(out));
     }
 
     void tableFitsTheTerminalAndColoursOnlyTheStatusWord()

@@ -33,10 +33,6 @@ int main(int argc, char** argv)
         return opened.open(QIODevice::Append) && opened.write(file.toLocalFile().toUtf8() + '\n') > 0;
     };
     deps.readInstalledVersion = platform::readInstalledVersion;
-    deps.launch = [](const QString&, QObject*, std::function<void(std::optional<QString>)> done) {
-        done({});
-    };
-    deps.quit = [] {};
 
     Updates updates(deps);
     QObject::connect(&updates, &Updates::checkFinished, &updates, [&] {
