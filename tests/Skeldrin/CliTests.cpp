@@ -157,13 +157,13 @@ class CliTests : public QObject {
                  QStringList({"now", "1m", "1h", "2d"}));
     }
 
-    void transcriptReportsWhatTheTailSays()
+    void transcriptHelpVersionAndUsageErrors()
     {
-        const Ran ran = skeldrin({"transcript", SKELDRIN_FIXTURES "/cli/transcript.jsonl", "--json"});
-        QCOMPARE(ran.exitCode, 0);
+        const Ran tail = skeldrin({"transcript", SKELDRIN_FIXTURES "/cli/transcript.jsonl", "--json"});
+        QCOMPARE(tail.exitCode, 0);
         // Long expired by now, and still listed: the reader's result as it is.
         QCOMPARE(
-            QJsonDocument::fromJson(ran.out).toJson(QJsonDocument::Compact),
+            QJsonDocument::fromJson(tail.out).toJson(QJsonDocument::Compact),
             R"({"interruptedAt":"2025-03-01T10:05:00.250Z","runningBackgroundTasks":[{"expiresAt":)"
             R"("2025-03-01T10:05:00.000Z","id":"toolu_bg1","startedAt":"2025-03-01T10:00:00.000Z","title":)"
             R"("npm run dev"},{"expiresAt":null,"id":"toolu_mon","startedAt":"2025-03-01T10:02:00.500Z",)"
@@ -172,6 +172,15 @@ class CliTests : public QObject {
         const Ran missing = skeldrin({"transcript", path("none.jsonl")});
         QCOMPARE(missing.exitCode, 1);
         QVERIFY(missing.out.isEmpty() && missing.err.contains("none.jsonl"));
+
+        QVERIFY(skeldrin({"--help"}).out.contains("Usage: skeldrin")); // with no arguments it is the app
+        QCOMPARE(skeldrin({"--version"}).out, "skeldrin " SKELDRIN_VERSION "\n");
+        for (const QStringList& wrong : {QStringList{"frobnicate"}, QStringList{"transcript"},
+                                         QStringList{"hooks", "--json"}, QStringList{"status", "extra"}}) {
+            const Ran ran = skeldrin(wrong);
+            QCOMPARE(ran.exitCode, 2);
+            QVERIFY(ran.out.isEmpty() && ran.err.contains("Usage: skeldrin"));
+        }
     }
 
     void connectAndDisconnectEditOnlyTheirOwnHooks()
@@ -198,18 +207,6 @@ class CliTests : public QObject {
         QCOMPARE(skeldrin({"hooks"}).out, "notInstalled\n");
         QVERIFY(!QJsonDocument(settings().toObject()).toJson().contains("skeldrin-hook"));
         QCOMPARE(settings()["hooks"]["Stop"][0]["hooks"][0]["command"].toString(), "notify-send done");
-    }
-
-    void usage()
-    {
-        QVERIFY(skeldrin({"--help"}).out.contains("Usage: skeldrin")); // with no arguments it is the app
-        QCOMPARE(skeldrin({"--version"}).out, "skeldrin " SKELDRIN_VERSION "\n");
-        for (const QStringList& wrong : {QStringList{"frobnicate"}, QStringList{"transcript"},
-                                         QStringList{"hooks", "--json"}, QStringList{"status", "extra"}}) {
-            const Ran ran = skeldrin(wrong);
-            QCOMPARE(ran.exitCode, 2);
-            QVERIFY(ran.out.isEmpty() && ran.err.contains("Usage: skeldrin"));
-        }
     }
 
     void watchRedrawsOnChangeAndStopsOnInterrupt()

@@ -37,12 +37,6 @@ template <typename T, typename Start> T await(Start start, T none)
     return QTest::qWaitFor([&] { return result.has_value(); }, 20000) ? *result : none;
 }
 
-Headliner::RunResult runToEnd(const QString& executable, std::chrono::milliseconds timeout = 60s)
-{
-    return await([&](QObject* c, auto done) { Headliner::run(executable, {}, c, done, timeout); },
-                 Headliner::RunResult{"<no result>", -999, std::nullopt});
-}
-
 QString writeToEnd()
 {
     const Headliner::Request request{"skeldrin", "Fix login", std::nullopt, "make the login work again"};
@@ -134,7 +128,7 @@ printf '{"type":"result","is_error":false,"result":"**Fix the login flow.**\\nMo
         }
     }
 
-    void runStopsChildrenThatHangAndReadsAllOutput()
+    void runStopsChildrenThatHangOrLoseTheirContextAndReadsAllOutput()
     {
         const QByteArray large(2097152, 'x');
         struct Case {
@@ -150,14 +144,30 @@ printf '{"type":"result","is_error":false,"result":"**Fix the login flow.**\\nMo
              large + R"({"is_error":false})"},
         };
         // clang-format on
+        const QString script = dir_.filePath("child"), pidFile = dir_.filePath("child.pid");
         for (Case c : cases) {
-            const QString script = dir_.filePath("child"), pidFile = dir_.filePath("child.pid");
             writeScript(script, c.script.replace("PID", pidFile.toUtf8()));
-            const Headliner::RunResult result = runToEnd(script, std::chrono::milliseconds(c.timeoutMs));
+            const auto result = await(
+                [&](QObject* context, auto done) {
+                    Headliner::run(script, {}, context, done, std::chrono::milliseconds(c.timeoutMs));
+                },
+                Headliner::RunResult{"<no result>", -999, std::nullopt});
             QCOMPARE(result.exitStatus, c.status);
             QCOMPARE(result.output, c.output);
             QVERIFY(processIsGone(pidFile));
         }
+
+        // A run whose context goes away is stopped, and its answer dropped.
+        QFile::remove(pidFile);
+        writeScript(script, "echo $$ > " + pidFile.toUtf8() + "; exec sleep 30");
+        bool called = false;
+        auto context = std::make_unique<QObject>();
+        Headliner::run(script, {}, context.get(), [&](Headliner::RunResult) { called = true; });
+        QVERIFY(QTest::qWaitFor([&] { return test::readBytes(pidFile).endsWith('\n'); }, 20000));
+        context.reset();
+        QVERIFY(QTest::qWaitFor([&] { return processIsGone(pidFile); }, 20000));
+        QCoreApplication::processEvents();
+        QVERIFY(!called);
     }
 
     void locateClaude()
@@ -187,20 +197,6 @@ printf '{"type":"result","is_error":false,"result":"**Fix the login flow.**\\nMo
         QCOMPARE(locate({running}, skipped, answering), fromShell);
         QCOMPARE(locate({other, plain, running}, skipped, failing), running);
         QCOMPARE(locate({other, plain}, skipped, path("missing/claude")), std::nullopt);
-    }
-
-    void destroyingTheContextKillsTheChildAndDropsTheAnswer()
-    {
-        const QString script = dir_.filePath("forever"), pidFile = dir_.filePath("forever.pid");
-        writeScript(script, "echo $$ > " + pidFile.toUtf8() + "; exec sleep 30");
-        bool called = false;
-        auto context = std::make_unique<QObject>();
-        Headliner::run(script, {}, context.get(), [&](Headliner::RunResult) { called = true; });
-        QVERIFY(QTest::qWaitFor([&] { return test::readBytes(pidFile).endsWith('\n'); }, 20000));
-        context.reset();
-        QVERIFY(QTest::qWaitFor([&] { return processIsGone(pidFile); }, 20000));
-        QCoreApplication::processEvents();
-        QVERIFY(!called);
     }
 };
 

@@ -97,15 +97,12 @@ void checkOnce(Updates& updates)
 class UpdatesTests : public QObject {
     Q_OBJECT
   private Q_SLOTS:
-    void versionOrder()
+    void versionsCompareAndManifestsDecodeOrSayWhatIsWrong()
     {
         for (const auto& [older, newer] : kVersionsInOrder)
             QVERIFY2(AppVersion::isOlder(older, newer) && !AppVersion::isOlder(newer, older), older);
         QVERIFY(!AppVersion::isOlder("1.2", "1.2.0") && !AppVersion::isOlder("1.2.0", "1.2")); // missing is 0
-    }
 
-    void manifestDecodesOrSaysWhatIsWrong()
-    {
         const UpdateManifest manifest = UpdateManifest::decode(kGoodManifest);
         QCOMPARE(QStringList({manifest.latest, manifest.url.toString(), manifest.linuxPackage->toString()}),
                  QStringList({"1.4.2", kPage.toString(), "https://s.example/s.deb"}));
