@@ -39,8 +39,7 @@ class TestUpdates : public Updates {
 struct AppFixture {
     QTemporaryDir temp;
     std::filesystem::path sessionsDir = std::filesystem::path(temp.path().toStdString()) / "sessions";
-    std::filesystem::path claudeSettings =
-        std::filesystem::path(temp.path().toStdString()) / "claude/settings.json";
+    std::filesystem::path claudeSettings = sessionsDir.parent_path() / "claude/settings.json";
     SessionStore store{sessionsDir};
     AppSettings settings{temp.filePath(QStringLiteral("settings.ini"))};
     RecordingJumper jumper;

@@ -135,20 +135,18 @@ class CliTests : public QObject {
         });
         app.put("d", [&](Session& s) { s.origin.entrypoint = "sdk-ts"; });
 
-        const std::string colored = cli::statusTable(*app.model, now, {true, 60});
-        static const QRegularExpression escape("\x1b\\[[0-9;]*m");
-        const QStringList lines = QString::fromStdString(colored).remove(escape).split('\n');
+        const QString colored = QString::fromStdString(cli::statusTable(*app.model, now, {true, 60}));
+        const QStringList lines = QString(colored).remove(QRegularExpression("\x1b\\[[0-9;]*m")).split('\n');
         for (const QString& line : lines.mid(1))
             QVERIFY2(text::characterCount(line.toStdString()) <= 60, qPrintable(line));
-        QVERIFY(colored.find("\x1b[34mRunning\x1b[0m ") != std::string::npos);
-        QVERIFY(colored.find("\x07") == std::string::npos);
+        QVERIFY(colored.contains("\x1b[34mRunning\x1b[0m ") && !colored.contains('\x07'));
         QVERIFY(lines[2].endsWith("…") && lines[2].contains("5m"));
         QCOMPARE(lines[2].indexOf("Parent title") + 2, lines[3].indexOf("Child"));
         QCOMPARE(lines[2].indexOf("Terminal"), lines[3].indexOf("Run by Parent title"));
 
-        const std::string plain = cli::statusTable(*app.model, now, {false, std::nullopt});
-        QVERIFY(plain.find("stops early") != std::string::npos &&
-                plain.find("Background job") != std::string::npos);
+        const QString plain =
+            QString::fromStdString(cli::statusTable(*app.model, now, {false, std::nullopt}));
+        QVERIFY(plain.contains("stops early") && plain.contains("Background job"));
 
         const auto ago = [&](int seconds) {
             return QString::fromStdString(cli::elapsed(now - std::chrono::seconds(seconds), now));
