@@ -8,8 +8,6 @@
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QtTest>
-#include <csignal>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace skeldrin;
@@ -167,12 +165,10 @@ class SessionsModelTests : public QObject {
 
     void deadProcessesEndOrRemoveTheirSessions()
     {
-        const pid_t child = fork();
-        if (child == 0) {
-            pause();
-            _exit(0);
-        }
-        const auto self = ProcessInspector::ref(getpid()), doomed = ProcessInspector::ref(child);
+        QProcess child; // killed with the test, whatever happens
+        child.start("sleep", {"60"});
+        QVERIFY(child.waitForStarted());
+        const auto self = ProcessInspector::ref(getpid()), doomed = ProcessInspector::ref(child.processId());
         QVERIFY(self && doomed);
         put("vscode", 20, [&](Session& s) {
             s.process = doomed;
@@ -184,8 +180,8 @@ class SessionsModelTests : public QObject {
         auto& model = loaded();
         model.refreshCycle(); // the child is alive: from now on it is watched
         QVERIFY(read("vscode")->process && !read("reused"));
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
+        child.kill();
+        QVERIFY(child.waitForFinished());
         model.refreshCycle();
         const auto ended = read("vscode");
         QVERIFY(ended && ended->endedAt && !ended->process && ended->phase == Phase::idle);
