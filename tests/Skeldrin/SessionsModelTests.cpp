@@ -238,13 +238,15 @@ class SessionsModelTests : public QObject {
 
         // A short follow-up keeps the headline; a longer prompt replaces it.
         const auto prompt = [&](const char* text) {
-            w->store.update("h1", [&](std::optional<Session> s) { return s->lastPrompt = text, s; });
+            w->store.update("h1", [&](std::optional<Session> s) {
+                s->lastPrompt = text;
+                return s;
+            });
         };
         prompt("yes");
         model.reload();
         QCOMPARE(requests.size(), std::size_t(3));
-        w->store.update(
-            "h1", [](std::optional<Session> s) { return s->lastPrompt = "now add the json output", s; });
+        prompt("now add the json output");
         model.reload();
         QCOMPARE(*requests.at(3).first.previous, QStringLiteral("Faster parser"));
 
