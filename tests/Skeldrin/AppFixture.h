@@ -10,8 +10,13 @@ namespace skeldrin::test {
 
 class RecordingJumper : public ImmediateJumper {
   public:
-    void jump(const Session& session) override { jumped.push_back(session.id); }
+    void jump(const Session& session) override
+    {
+        jumped.push_back(session.id);
+        if (failWith) throw std::runtime_error(*failWith);
+    }
     std::vector<std::string> jumped;
+    std::optional<std::string> failWith;
 };
 
 class RecordingAlerts : public Alerts {
@@ -34,8 +39,7 @@ class TestUpdates : public Updates {
 struct AppFixture {
     QTemporaryDir temp;
     std::filesystem::path sessionsDir = std::filesystem::path(temp.path().toStdString()) / "sessions";
-    std::filesystem::path claudeSettings =
-        std::filesystem::path(temp.path().toStdString()) / "claude/settings.json";
+    std::filesystem::path claudeSettings = sessionsDir.parent_path() / "claude/settings.json";
     SessionStore store{sessionsDir};
     AppSettings settings{temp.filePath(QStringLiteral("settings.ini"))};
     RecordingJumper jumper;
@@ -43,8 +47,9 @@ struct AppFixture {
     TestUpdates updates;
     std::unique_ptr<SessionsModel> model;
 
-    // Alerts go to `shownBy` when given, else they are recorded in `alerts`.
-    explicit AppFixture(Alerts* shownBy = nullptr)
+    // Alerts go to `shownBy` when given, else they are recorded in `alerts`; `adjust` may change the rest.
+    explicit AppFixture(Alerts* shownBy = nullptr,
+                        const std::function<void(SessionsModel::Dependencies&)>& adjust = {})
     {
         std::filesystem::create_directories(sessionsDir);
         SessionsModel::Dependencies deps;
@@ -54,6 +59,7 @@ struct AppFixture {
         deps.hookExecutable = std::filesystem::path(temp.path().toStdString()) / "app/skeldrin-hook";
         deps.claudeSettings = claudeSettings;
         deps.cycleMilliseconds = 3600 * 1000; // tests reload themselves
+        if (adjust) adjust(deps);
         model = std::make_unique<SessionsModel>(store, std::move(deps));
     }
 

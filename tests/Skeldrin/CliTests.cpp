@@ -3,10 +3,8 @@
 #include "Skeldrin/cli/Cli.h"
 #include "TrackerCore/Text.h"
 #include "tests/Skeldrin/AppFixture.h"
-#include "tests/support/TestFiles.h"
 #include "tests/support/TestProcesses.h"
 
-#include <QDeadlineTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -32,31 +30,15 @@ QByteArray payload(const QString& name, const QString& id, const QString& extra 
         .toUtf8();
 }
 
-QJsonObject rowOf(const QJsonObject& status, const QString& id)
-{
-    for (const auto value : status["sessions"].toArray())
-        if (value.toObject()["id"].toString() == id) return value.toObject();
-    return {};
-}
-
-QStringList idsOf(const QJsonObject& status)
-{
-    QStringList ids;
-    for (const auto value : status["sessions"].toArray())
-        ids << value.toObject()["id"].toString();
-    return ids;
-}
-
-// The row's fields, "field=value|field=value", values as strings.
+// The row's fields, "field=value|field=value", with null as "null".
 void compareFields(const QJsonObject& status, const QString& id, const QString& fields)
 {
+    QJsonObject row;
+    for (const auto value : status["sessions"].toArray())
+        if (value.toObject()["id"] == id) row = value.toObject();
     for (const QString& expected : fields.split('|')) {
         const QString field = expected.section('=', 0, 0);
-        const QJsonValue value = rowOf(status, id)[field];
-        const QString seen = value.isBool()     ? (value.toBool() ? "true" : "false")
-                             : value.isNull()   ? "null"
-                             : value.isDouble() ? QString::number(value.toInt())
-                                                : value.toString();
+        const QString seen = row[field].isNull() ? "null" : row[field].toString();
         QCOMPARE(id + ": " + field + '=' + seen, id + ": " + expected);
     }
 }
@@ -91,19 +73,7 @@ class CliTests : public QObject {
         const Ran ran = skeldrin({"status", "--json"});
         return ran.exitCode == 0 ? QJsonDocument::fromJson(ran.out).object() : QJsonObject();
     }
-    SessionStore store() const { return SessionStore(path("data/Skeldrin/sessions").toStdString()); }
     QString settingsFile() const { return path(".claude/settings.json"); }
-
-    static bool waitForOutput(QProcess& process, QByteArray& seen, const QByteArray& wanted)
-    {
-        const QDeadlineTimer deadline(kTimeoutMs);
-        while (!seen.contains(wanted)) {
-            if (deadline.hasExpired() || process.state() != QProcess::Running) return false;
-            process.waitForReadyRead(static_cast<int>(std::max<qint64>(1, deadline.remainingTime())));
-            seen += process.readAllStandardOutput();
-        }
-        return true;
-    }
 
   private Q_SLOTS:
     void init() { home_ = std::make_unique<TempHome>(); }
@@ -117,7 +87,6 @@ class CliTests : public QObject {
                      R"(,"tool_name":"Bash","tool_input":{"command":"ls"})"));
 
         QJsonObject status = statusJson();
-        QCOMPARE(idsOf(status), (QStringList{"main-run", "main-wait"}));
         QCOMPARE(status["mostUrgent"].toString(), "waiting");
         compareFields(
             status, "main-run",
@@ -128,11 +97,11 @@ class CliTests : public QObject {
         hook(payload("PermissionRequest", "main-wait",
                      R"(,"tool_name":"Bash","tool_input":{"command":"rm -r build"})"));
         Session s("titled", "claude", "/work/gamma", Origin{}, std::nullopt, SystemClock().now());
-        s.title = "Login work";
         s.headline = "Fix login";
         s.headlinePrompt = s.lastPrompt = "make login work";
         s.endedAt = parseIso8601("2025-02-03T04:05:06.789Z");
-        store().update(s.id, [&](const std::optional<Session>&) { return s; });
+        SessionStore(path("data/Skeldrin/sessions").toStdString())
+            .update(s.id, [&](const std::optional<Session>&) { return s; });
         home_->setSetting("headlines.enabled", true);
         status = statusJson();
         QCOMPARE(status["mostUrgent"].toString(), "multiStepWaiting");
@@ -141,11 +110,11 @@ class CliTests : public QObject {
 
         // The same list for people, with no colour into a pipe.
         const QString out = QString::fromUtf8(skeldrin({"status"}).out);
-        QVERIFY2(out.startsWith("3 sessions · most urgent: Needs several approvals"), qPrintable(out));
-        QVERIFY2(out.contains("Running") && out.contains("fix the build") && !out.contains('\x1b'),
-                 qPrintable(out));
-        QVERIFY2(out.contains(QRegularExpression("\nEnded +Fix login")) && out.contains("isn't connected"),
-                 qPrintable(out));
+        const QRegularExpression shape(
+            "^3 sessions · most urgent: Needs several approvals · Claude Code isn't "
+            "connected.*\nRunning .*fix the build\n.*\nEnded +Fix login",
+            QRegularExpression::DotMatchesEverythingOption);
+        QVERIFY2(shape.match(out).hasMatch() && !out.contains('\x1b'), qPrintable(out));
     }
 
     void tableFitsTheTerminalAndColoursOnlyTheStatusWord()
@@ -153,14 +122,12 @@ class CliTests : public QObject {
         AppFixture app;
         const Date now = SystemClock().now();
         app.put("p", [&](Session& s) {
-            s.cwd = "/work/parser";
             s.changedAt = now - std::chrono::minutes(5);
             s.title = "Parent title";
             s.phase = Phase::running;
             s.lastPrompt = "please refactor the whole parser so that it reads lines lazily and stops early";
         });
         app.put("c", [&](Session& s) {
-            s.cwd = "/work/parser";
             s.changedAt = now - std::chrono::minutes(4);
             s.title = "Child\x1b]0;evil\x07";
             s.parentId = "p";
@@ -168,20 +135,18 @@ class CliTests : public QObject {
         });
         app.put("d", [&](Session& s) { s.origin.entrypoint = "sdk-ts"; });
 
-        const std::string colored = cli::statusTable(*app.model, now, {true, 60});
-        static const QRegularExpression escape("\x1b\\[[0-9;]*m");
-        const QStringList lines = QString::fromStdString(colored).remove(escape).split('\n');
+        const QString colored = QString::fromStdString(cli::statusTable(*app.model, now, {true, 60}));
+        const QStringList lines = QString(colored).remove(QRegularExpression("\x1b\\[[0-9;]*m")).split('\n');
         for (const QString& line : lines.mid(1))
             QVERIFY2(text::characterCount(line.toStdString()) <= 60, qPrintable(line));
-        QVERIFY(colored.find("\x1b[34mRunning\x1b[0m ") != std::string::npos);
-        QVERIFY(colored.find("\x07") == std::string::npos);
+        QVERIFY(colored.contains("\x1b[34mRunning\x1b[0m ") && !colored.contains('\x07'));
         QVERIFY(lines[2].endsWith("…") && lines[2].contains("5m"));
         QCOMPARE(lines[2].indexOf("Parent title") + 2, lines[3].indexOf("Child"));
         QCOMPARE(lines[2].indexOf("Terminal"), lines[3].indexOf("Run by Parent title"));
 
-        const std::string plain = cli::statusTable(*app.model, now, {false, std::nullopt});
-        QVERIFY(plain.find("stops early") != std::string::npos &&
-                plain.find("Background job") != std::string::npos);
+        const QString plain =
+            QString::fromStdString(cli::statusTable(*app.model, now, {false, std::nullopt}));
+        QVERIFY(plain.contains("stops early") && plain.contains("Background job"));
 
         const auto ago = [&](int seconds) {
             return QString::fromStdString(cli::elapsed(now - std::chrono::seconds(seconds), now));
@@ -190,41 +155,45 @@ class CliTests : public QObject {
                  QStringList({"now", "1m", "1h", "2d"}));
     }
 
-    void transcriptReportsWhatTheTailSays()
+    void transcriptHelpVersionAndUsageErrors()
     {
-        const Ran ran = skeldrin({"transcript", SKELDRIN_FIXTURES "/cli/transcript.jsonl", "--json"});
-        QCOMPARE(ran.exitCode, 0);
-        const QJsonObject tail = QJsonDocument::fromJson(ran.out).object();
-        QCOMPARE(tail["title"].toString(), "Release checklist");
-        QCOMPARE(tail["interruptedAt"].toString(), "2025-03-01T10:05:00.250Z");
+        const Ran tail = skeldrin({"transcript", SKELDRIN_FIXTURES "/cli/transcript.jsonl", "--json"});
+        QCOMPARE(tail.exitCode, 0);
         // Long expired by now, and still listed: the reader's result as it is.
         QCOMPARE(
-            QJsonDocument(tail["runningBackgroundTasks"].toArray()).toJson(QJsonDocument::Compact),
-            R"([{"expiresAt":"2025-03-01T10:05:00.000Z","id":"toolu_bg1","startedAt":"2025-03-01T10:00:00.000Z",)"
-            R"("title":"npm run dev"},{"expiresAt":null,"id":"toolu_mon","startedAt":"2025-03-01T10:02:00.500Z",)"
-            R"("title":"Watch the deploy"}])");
+            QJsonDocument::fromJson(tail.out).toJson(QJsonDocument::Compact),
+            R"({"interruptedAt":"2025-03-01T10:05:00.250Z","runningBackgroundTasks":[{"expiresAt":)"
+            R"("2025-03-01T10:05:00.000Z","id":"toolu_bg1","startedAt":"2025-03-01T10:00:00.000Z","title":)"
+            R"("npm run dev"},{"expiresAt":null,"id":"toolu_mon","startedAt":"2025-03-01T10:02:00.500Z",)"
+            R"("title":"Watch the deploy"}],"title":"Release checklist"})");
 
         const Ran missing = skeldrin({"transcript", path("none.jsonl")});
         QCOMPARE(missing.exitCode, 1);
         QVERIFY(missing.out.isEmpty() && missing.err.contains("none.jsonl"));
+
+        QVERIFY(skeldrin({"--help"}).out.contains("Usage: skeldrin")); // with no arguments it is the app
+        QCOMPARE(skeldrin({"--version"}).out, "skeldrin " SKELDRIN_VERSION "\n");
+        for (const QStringList& wrong : {QStringList{"frobnicate"}, QStringList{"transcript"},
+                                         QStringList{"hooks", "--json"}, QStringList{"status", "extra"}}) {
+            const Ran ran = skeldrin(wrong);
+            QCOMPARE(ran.exitCode, 2);
+            QVERIFY(ran.out.isEmpty() && ran.err.contains("Usage: skeldrin"));
+        }
     }
 
     void connectAndDisconnectEditOnlyTheirOwnHooks()
     {
         // A settings file it cannot read is left alone, with nothing beside it.
-        QVERIFY(QDir().mkpath(path(".claude")));
-        const std::string array = "[\"not\", \"an object\"]\n";
-        writeText(settingsFile().toStdString(), array);
+        const QByteArray array = "[\"not\", \"an object\"]\n";
+        QVERIFY(writeBytes(settingsFile(), array));
         QVERIFY(skeldrin({"connect"}).err.startsWith("Couldn't update Claude Code settings: "));
-        QCOMPARE(readText(settingsFile().toStdString()), array);
+        QCOMPARE(readBytes(settingsFile()), array);
         QCOMPARE(QDir(path(".claude")).entryList(QDir::Files), QStringList{"settings.json"});
 
-        writeText(settingsFile().toStdString(),
-                  R"({"model":"opus","hooks":{"Stop":[{"hooks":[{"type":"command",)"
-                  R"("command":"notify-send done"}]}]}})");
+        QVERIFY(writeBytes(settingsFile(), R"({"model":"opus","hooks":{"Stop":[{"hooks":[{"type":"command",)"
+                                           R"("command":"notify-send done"}]}]}})"));
         const auto settings = [&] {
-            const std::string text = readText(settingsFile().toStdString());
-            return QJsonValue(QJsonDocument::fromJson(QByteArray::fromStdString(text)).object());
+            return QJsonValue(QJsonDocument::fromJson(readBytes(settingsFile())).object());
         };
         QVERIFY(skeldrin({"connect"}).out.contains(settingsFile().toUtf8()));
         QCOMPARE(skeldrin({"hooks"}).out, "installed\n");
@@ -238,38 +207,25 @@ class CliTests : public QObject {
         QCOMPARE(settings()["hooks"]["Stop"][0]["hooks"][0]["command"].toString(), "notify-send done");
     }
 
-    void usage()
+    void watchRedrawsOnChangeAndStopsOnInterrupt()
     {
-        QVERIFY(skeldrin({"--help"}).out.contains("Usage: skeldrin")); // with no arguments it is the app
-        QCOMPARE(skeldrin({"--version"}).out, "skeldrin " SKELDRIN_VERSION "\n");
-        for (const QStringList& wrong : {QStringList{"frobnicate"}, QStringList{"transcript"},
-                                         QStringList{"hooks", "--json"}, QStringList{"status", "extra"}}) {
-            const Ran ran = skeldrin(wrong);
-            QCOMPARE(ran.exitCode, 2);
-            QVERIFY(ran.out.isEmpty() && ran.err.contains("Usage: skeldrin"));
-        }
-    }
+        QProcess watch;
+        watch.setProcessEnvironment(environment());
+        watch.start(kSkeldrin, {"watch"});
+        QVERIFY(watch.waitForStarted(kTimeoutMs));
+        QByteArray seen;
+        const auto shows = [&](const char* wanted) {
+            return QTest::qWaitFor([&] { return (seen += watch.readAllStandardOutput()).contains(wanted); },
+                                   kTimeoutMs);
+        };
+        QVERIFY2(shows("No sessions."), seen.constData());
+        hook(payload("SessionStart", "watched", R"(,"session_title":"Watched title")"));
+        QVERIFY2(shows("Watched title"), seen.constData());
 
-    void watchRedrawsOnChangeAndStopsOnSignals()
-    {
-        for (const int signal : {SIGINT, SIGTERM}) {
-            std::filesystem::remove_all(path("data").toStdString()); // each round starts with no sessions
-            QProcess watch;
-            watch.setProcessEnvironment(environment());
-            watch.start(kSkeldrin, {"watch"});
-            QVERIFY(watch.waitForStarted(kTimeoutMs));
-            QByteArray seen;
-            QVERIFY2(waitForOutput(watch, seen, "No sessions."), seen.constData());
-
-            const QString id = QStringLiteral("watched-%1").arg(signal);
-            hook(payload("SessionStart", id, QStringLiteral(R"(,"session_title":"Title %1")").arg(id)));
-            QVERIFY2(waitForOutput(watch, seen, "Title " + id.toUtf8()), seen.constData());
-
-            ::kill(static_cast<pid_t>(watch.processId()), signal);
-            QVERIFY(watch.waitForFinished(kTimeoutMs));
-            QCOMPARE(watch.exitStatus(), QProcess::NormalExit);
-            QCOMPARE(watch.exitCode(), 0);
-        }
+        ::kill(static_cast<pid_t>(watch.processId()), SIGINT);
+        QVERIFY(watch.waitForFinished(kTimeoutMs));
+        QCOMPARE(watch.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(watch.exitCode(), 0);
     }
 };
 

@@ -37,12 +37,6 @@ template <typename T, typename Start> T await(Start start, T none)
     return QTest::qWaitFor([&] { return result.has_value(); }, 20000) ? *result : none;
 }
 
-Headliner::RunResult runToEnd(const QString& executable, std::chrono::milliseconds timeout = 60s)
-{
-    return await([&](QObject* c, auto done) { Headliner::run(executable, {}, c, done, timeout); },
-                 Headliner::RunResult{"<no result>", -999, std::nullopt});
-}
-
 QString writeToEnd()
 {
     const Headliner::Request request{"skeldrin", "Fix login", std::nullopt, "make the login work again"};
@@ -75,119 +69,105 @@ class HeadlinerTests : public QObject {
 
     void cleanup() { QFile::remove(claude_); }
 
-    void tidy_data()
-    {
-        QTest::addColumn<QString>("reply");    // null: no reply
-        QTest::addColumn<QString>("headline"); // null: no headline
-        const QString rockets = QString("\U0001F680").repeated(47);
-        // clang-format off
-        QTest::newRow("absent") << QString() << QString();
-        QTest::newRow("only wrappers") << " \"**`#\u201C\u2019 \n " << QString();
-        QTest::newRow("markdown bold, full stop") << "**Fix login bug.**" << "Fix login bug";
-        QTest::newRow("first line only") << "\n\n  Refactor parser  \r\nBecause it was slow." << "Refactor parser";
-        QTest::newRow("long, cut at last space") << "Refactor the session store so that writes are atomic now too"
-                                                 << "Refactor the session store so that writes are";
-        QTest::newRow("quotes then stops") << "\u201CTidy the hooks...\u201D" << "Tidy the hooks";
-        QTest::newRow("long, no space") << QString(60, 'x') << QString(48, 'x');
-        QTest::newRow("exactly 48") << QString(47, 'y') + "z" << QString(47, 'y') + "z";
-        // Characters as people see them: an emoji is one.
-        QTest::newRow("emoji count once") << rockets + " go" << rockets;
-        // clang-format on
-    }
-
     void tidy()
     {
-        QFETCH(QString, reply);
-        QFETCH(QString, headline);
-        const auto optional = [](const QString& s) { return s.isNull() ? std::nullopt : std::optional(s); };
-        QCOMPARE(Headliner::tidy(optional(reply)), optional(headline));
+        const QString rockets = QString("\U0001F680").repeated(47);
+        const std::pair<QString, std::optional<QString>> cases[] = {
+            {" \"**`#\u201C\u2019 \n ", std::nullopt},
+            {"**Fix login bug...**", "Fix login bug"},
+            {"\n\n  Refactor parser  \r\nBecause it was slow.", "Refactor parser"},
+            {"Refactor the session store so that writes are atomic now too",
+             "Refactor the session store so that writes are"},
+            {QString(60, 'x'), QString(48, 'x')},
+            {QString(47, 'y') + "z", QString(47, 'y') + "z"},
+            {rockets + " go", rockets}, // characters as people see them: an emoji is one
+        };
+        for (const auto& [reply, headline] : cases)
+            QCOMPARE(Headliner::tidy(reply), headline);
     }
 
-    void writeRunsClaudeWithTheFixedArgumentsInTheTemporaryDirectory()
+    void writeRunsClaudeWithTheFixedArgumentsOrSaysWhyNot()
     {
+        if (!QFileInfo::exists("/usr/local/bin/claude") && !QFileInfo::exists("/opt/homebrew/bin/claude"))
+            QCOMPARE(writeToEnd(), "not found: ");
         const QByteArray seen = dir_.filePath("seen").toUtf8();
-        writeScript(
-            claude_,
-            QByteArray(R"(printf '%s|' "$@" > SEEN.args; pwd -P > SEEN.cwd; printf %s "$PATH" > SEEN.path
-[ -c /dev/stdin ] && [ -c /dev/stderr ] && echo null > SEEN.stdio
-cat; echo 'noise on stderr' >&2
+        writeScript(claude_, QByteArray(R"(pwd -P > SEEN; printf '%s\n' "$PATH" >> SEEN
+[ -c /dev/stdin ] && [ -c /dev/stderr ] && echo null >> SEEN
+printf '%s|' "$@" >> SEEN; cat; echo 'noise on stderr' >&2
 printf '{"type":"result","is_error":false,"result":"**Fix the login flow.**\\nMore"}')")
-                .replace("SEEN", seen));
+                                 .replace("SEEN", seen));
         QCOMPARE(writeToEnd(), "headline: Fix the login flow");
+        const QByteArray where = QFileInfo(QDir::tempPath()).canonicalFilePath().toUtf8() + '\n' +
+                                 QFileInfo(claude_).absolutePath().toUtf8() + ":" + qgetenv("PATH") +
+                                 "\nnull\n";
+        const QByteArray expected =
+            where +
+            "-p|Project folder: skeldrin\nCurrent title: Fix login\nLatest prompt: make the login work "
+            "again|--safe-mode|--model|haiku|--max-turns|1|--tools||--no-session-persistence|--output-"
+            "format|json|--system-prompt|You name coding sessions for a tiny status widget.";
+        QVERIFY2(test::readBytes(seen).startsWith(expected), test::readBytes(seen).constData());
 
-        const QByteArray arguments = test::readBytes(seen + ".args");
-        QVERIFY2(
-            arguments.startsWith("-p|Project folder: skeldrin\nCurrent title: Fix login\nLatest prompt: make "
-                                 "the login work again|--safe-mode|--model|haiku|--max-turns|1|--tools||"
-                                 "--no-session-persistence|--output-format|json|--system-prompt|You name "
-                                 "coding sessions for a tiny status widget."),
-            arguments.constData());
-        QCOMPARE(test::readBytes(seen + ".cwd").trimmed(),
-                 QFileInfo(QDir::tempPath()).canonicalFilePath().toUtf8());
-        QCOMPARE(test::readBytes(seen + ".path"),
-                 QFileInfo(claude_).absolutePath().toUtf8() + ":" + qgetenv("PATH"));
-        QCOMPARE(test::readBytes(seen + ".stdio"), QByteArray("null\n"));
-    }
-
-    void writeReportsEveryFailure_data()
-    {
-        QTest::addColumn<QByteArray>("script");
-        QTest::addColumn<QString>("outcome");
-        // clang-format off
-        QTest::newRow("is_error") << QByteArray(R"(echo '{"is_error":true,"result":"Credit balance is too low"}')")
-                                  << "failed: Credit balance is too low";
-        QTest::newRow("garbage, exit 0") << QByteArray("echo 'Welcome to Claude'") << "failed: unexpected output";
-        QTest::newRow("garbage, exit 2") << QByteArray("echo 'usage: claude'; exit 2") << "failed: exit status 2";
-        // A reply that decodes counts whatever the status.
-        QTest::newRow("reply, exit 3") << QByteArray(R"(echo '{"is_error":false,"result":"Ship it"}'; exit 3)") << "headline: Ship it";
-        // clang-format on
+        QVERIFY(test::writeBytes(claude_, "#!/no/such/interpreter\n"));
+        const QString failed = writeToEnd();
+        QVERIFY2(failed.startsWith("launch failed: ") && failed.size() > 15, qPrintable(failed));
     }
 
     void writeReportsEveryFailure()
     {
-        QFETCH(QByteArray, script);
-        QFETCH(QString, outcome);
-        writeScript(claude_, script);
-        QCOMPARE(writeToEnd(), outcome);
-    }
-
-    void runStopsChildrenThatHangAndReadsAllOutput_data()
-    {
-        QTest::addColumn<QByteArray>("script"); // PID names the file for the child's pid
-        QTest::addColumn<int>("timeoutMs");
-        QTest::addColumn<int>("status");
-        QTest::addColumn<QByteArray>("output");
-        const QByteArray large(2097152, 'x');
         // clang-format off
-        QTest::newRow("terminated") << QByteArray(R"(echo $$ > PID; printf '{"is_error":'; exec sleep 30)")
-                                    << 300 << 128 + SIGTERM << QByteArray(R"({"is_error":)");
-        QTest::newRow("ignores TERM, killed") << QByteArray("trap '' TERM; echo $$ > PID; printf partial; while :; do sleep 1; done")
-                                              << 300 << 128 + SIGKILL << QByteArray("partial");
-        QTest::newRow("large output") << QByteArray(R"(echo $$ > PID; head -c 2097152 /dev/zero | tr '\0' x; printf '{"is_error":false}')")
-                                      << 60000 << 0 << large + R"({"is_error":false})";
+        const std::pair<QByteArray, QString> replies[] = {
+            {R"(echo '{"is_error":true,"result":"Credit balance is too low"}')", "failed: Credit balance is too low"},
+            {"echo 'Welcome to Claude'", "failed: unexpected output"},
+            {"echo 'usage: claude'; exit 2", "failed: exit status 2"},
+            {R"(echo '{"is_error":false,"result":"Ship it"}'; exit 3)", "headline: Ship it"}, // decoded: it counts
+        };
         // clang-format on
+        for (const auto& [script, outcome] : replies) {
+            writeScript(claude_, script);
+            QCOMPARE(writeToEnd(), outcome);
+        }
     }
 
-    void runStopsChildrenThatHangAndReadsAllOutput()
+    void runStopsChildrenThatHangOrLoseTheirContextAndReadsAllOutput()
     {
-        QFETCH(QByteArray, script);
-        QFETCH(int, timeoutMs);
-        const QString script_ = dir_.filePath("child"), pidFile = dir_.filePath("child.pid");
-        writeScript(script_, script.replace("PID", pidFile.toUtf8()));
-        const Headliner::RunResult result = runToEnd(script_, std::chrono::milliseconds(timeoutMs));
-        QTEST(result.exitStatus, "status");
-        QTEST(result.output, "output");
-        QVERIFY(processIsGone(pidFile));
-    }
+        const QByteArray large(2097152, 'x');
+        struct Case {
+            QByteArray script; // PID names the file for the child's pid
+            int timeoutMs, status;
+            QByteArray output;
+        };
+        // clang-format off
+        const Case cases[] = {
+            {R"(echo $$ > PID; printf '{"is_error":'; exec sleep 30)", 300, 128 + SIGTERM, R"({"is_error":)"},
+            {"trap '' TERM; echo $$ > PID; printf partial; while :; do sleep 1; done", 300, 128 + SIGKILL, "partial"},
+            {R"(echo $$ > PID; head -c 2097152 /dev/zero | tr '\0' x; printf '{"is_error":false}')", 60000, 0,
+             large + R"({"is_error":false})"},
+        };
+        // clang-format on
+        const QString script = dir_.filePath("child"), pidFile = dir_.filePath("child.pid");
+        for (Case c : cases) {
+            writeScript(script, c.script.replace("PID", pidFile.toUtf8()));
+            const auto result = await(
+                [&](QObject* context, auto done) {
+                    Headliner::run(script, {}, context, done, std::chrono::milliseconds(c.timeoutMs));
+                },
+                Headliner::RunResult{"<no result>", -999, std::nullopt});
+            QCOMPARE(result.exitStatus, c.status);
+            QCOMPARE(result.output, c.output);
+            QVERIFY(processIsGone(pidFile));
+        }
 
-    void notFoundAndLaunchFailuresAreReported()
-    {
-        if (!QFileInfo::exists("/usr/local/bin/claude") && !QFileInfo::exists("/opt/homebrew/bin/claude"))
-            QCOMPARE(writeToEnd(), "not found: ");
-        writeScript(claude_, ""); // then an executable whose interpreter does not exist
-        QVERIFY(test::writeBytes(claude_, "#!/no/such/interpreter\n"));
-        const QString outcome = writeToEnd();
-        QVERIFY2(outcome.startsWith("launch failed: ") && outcome.size() > 15, qPrintable(outcome));
+        // A run whose context goes away is stopped, and its answer dropped.
+        QFile::remove(pidFile);
+        writeScript(script, "echo $$ > " + pidFile.toUtf8() + "; exec sleep 30");
+        bool called = false;
+        auto context = std::make_unique<QObject>();
+        Headliner::run(script, {}, context.get(), [&](Headliner::RunResult) { called = true; });
+        QVERIFY(QTest::qWaitFor([&] { return test::readBytes(pidFile).endsWith('\n'); }, 20000));
+        context.reset();
+        QVERIFY(QTest::qWaitFor([&] { return processIsGone(pidFile); }, 20000));
+        QCoreApplication::processEvents();
+        QVERIFY(!called);
     }
 
     void locateClaude()
@@ -217,20 +197,6 @@ printf '{"type":"result","is_error":false,"result":"**Fix the login flow.**\\nMo
         QCOMPARE(locate({running}, skipped, answering), fromShell);
         QCOMPARE(locate({other, plain, running}, skipped, failing), running);
         QCOMPARE(locate({other, plain}, skipped, path("missing/claude")), std::nullopt);
-    }
-
-    void destroyingTheContextKillsTheChildAndDropsTheAnswer()
-    {
-        const QString script = dir_.filePath("forever"), pidFile = dir_.filePath("forever.pid");
-        writeScript(script, "echo $$ > " + pidFile.toUtf8() + "; exec sleep 30");
-        bool called = false;
-        auto context = std::make_unique<QObject>();
-        Headliner::run(script, {}, context.get(), [&](Headliner::RunResult) { called = true; });
-        QVERIFY(QTest::qWaitFor([&] { return test::readBytes(pidFile).endsWith('\n'); }, 20000));
-        context.reset();
-        QVERIFY(QTest::qWaitFor([&] { return processIsGone(pidFile); }, 20000));
-        QCoreApplication::processEvents();
-        QVERIFY(!called);
     }
 };
 

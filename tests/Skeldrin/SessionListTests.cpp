@@ -41,34 +41,26 @@ class SessionListTests : public QObject {
         QCOMPARE(describe(rows), std::string("a:m a1:c a11:c sdkkid:c b:m b1:c late:m orphan:d sdk:d"));
     }
 
-    void shadesAndCountsFollowTheChildren()
+    void shadesCountsFoldingAndDismissingFollowTheChildren()
     {
-        Session hidden = make("k2", "p", Status::waiting);
-        hidden.dismissedAt = Date{};
-        auto rows = SessionList::arrange({make("p"), make("k1", "p"), hidden}, {});
-        QCOMPARE(rows.size(), std::size_t(2));
-        QVERIFY(rows[0].shade == Shade::waitingOnRuns()); // a dismissed busy child still counts for the shade
-        QCOMPARE(rows[0].runCount, 1);                    // but not for the count
-
-        rows = SessionList::arrange({make("q", {}, Status::waiting), make("k", "q", Status::running)}, {});
-        QVERIFY(rows[0].shade == Shade::of(Status::waiting)); // only a ready parent waits on runs
-
-        Session s = make("s"); // seen only while ready
-        s.seenAt = Date{};
-        QVERIFY(SessionList::arrange({s}, {})[0].seen());
-        s.phase = Phase::running;
-        QVERIFY(!SessionList::arrange({s}, {})[0].seen());
-    }
-
-    void foldingAndDismissingHideDescendants()
-    {
-        std::vector<Session> input{make("p"), make("c", "p"), make("g", "c"), make("other")};
+        std::vector<Session> input{make("p"),
+                                   make("k1", "p"),
+                                   make("k2", "p", Status::waiting),
+                                   make("g", "k1"),
+                                   make("q", {}, Status::waiting),
+                                   make("k", "q", Status::running),
+                                   make("s")};
+        input[2].dismissedAt = input[6].seenAt = input[5].seenAt = Date{};
         auto rows = SessionList::arrange(input, {"p"});
-        QCOMPARE(describe(rows), std::string("p:m other:m"));
-        QVERIFY(rows[0].runsFolded);
-        QCOMPARE(rows[0].runCount, 1);
-        input[0].dismissedAt = Date{};
-        QCOMPARE(describe(SessionList::arrange(input, {})), std::string("other:m"));
+        QCOMPARE(describe(rows), std::string("p:m q:m k:c s:m"));
+        QVERIFY(rows[0].runsFolded &&
+                rows[0].shade == Shade::waitingOnRuns());     // a dismissed busy child counts
+        QCOMPARE(rows[0].runCount, 1);                        // for the shade, not the count
+        QVERIFY(rows[1].shade == Shade::of(Status::waiting)); // only a ready parent waits on runs
+        QVERIFY(rows[3].seen() && !rows[2].seen());           // seen only while ready
+
+        input[0].dismissedAt = Date{}; // with its descendants
+        QCOMPARE(describe(SessionList::arrange(input, {})), std::string("q:m k:c s:m"));
     }
 };
 

@@ -12,10 +12,7 @@ class SingleInstanceTests : public QObject {
     std::unique_ptr<QProcess> start()
     {
         auto process = std::make_unique<QProcess>();
-        QProcessEnvironment env = home.environment();
-        env.insert("QT_QPA_PLATFORM", "offscreen");
-        process->setProcessEnvironment(env);
-        process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        process->setProcessEnvironment(home.environment()); // offscreen, as this test runs
         process->start(SKELDRIN_BIN_DIR "/skeldrin", {});
         if (!process->waitForStarted()) qFatal("skeldrin did not start");
         return process;

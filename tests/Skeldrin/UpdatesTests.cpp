@@ -68,6 +68,23 @@ struct World {
     }
 };
 
+// Each older than the next: numbers, not text; the first difference decides; empty, a suffix and an
+// overflow count as 0.
+const std::pair<const char*, const char*> kVersionsInOrder[] = {
+    {"1.2", "1.10"}, {"2.0.9", "2.1"}, {"", "0.0.1"}, {"1.2-beta", "1.1"}, {"99999999999999999999", "1"}};
+
+// Keys it does not know are left alone.
+const char* const kGoodManifest =
+    R"({"latest":"1.4.2","url":"https://s.example/S.dmg","linuxPackage":"https://s.example/s.deb","x":1})";
+const std::pair<const char*, const char*> kBadManifests[] = {
+    {"[]", "is not a JSON object"},
+    {R"({"url":"https://s.example/S.dmg"})", "has no \"latest\""},
+    {R"({"latest":1.4,"url":"https://s.example/S.dmg"})", "\"latest\" that is not a text"},
+    {R"({"latest":"1.4.2","url":"ftp://s.example/S.dmg"})", "\"url\" that is not a web address"},
+    {R"({"latest":"1.4.2","url":"https://s.example/S.dmg","linuxPackage":"file:///etc/passwd"})",
+     "\"linuxPackage\" that is not a web address"},
+};
+
 void checkOnce(Updates& updates)
 {
     QSignalSpy finished(&updates, &Updates::checkFinished);
@@ -80,42 +97,22 @@ void checkOnce(Updates& updates)
 class UpdatesTests : public QObject {
     Q_OBJECT
   private Q_SLOTS:
-    void versionOrder_data()
+    void versionsCompareAndManifestsDecodeOrSayWhatIsWrong()
     {
-        QTest::addColumn<QString>("a");
-        QTest::addColumn<QString>("b");
-        QTest::addColumn<bool>("older"); // isOlder(a, b); never isOlder(b, a)
-        // clang-format off
-        QTest::newRow("numeric, not textual") << "1.2" << "1.10" << true;
-        QTest::newRow("missing pieces are 0") << "1.2" << "1.2.0" << false;
-        QTest::newRow("first difference decides") << "2.0.9" << "2.1" << true;
-        QTest::newRow("empty text is 0") << "" << "0.0.1" << true;
-        QTest::newRow("suffix makes the piece 0") << "1.2-beta" << "1.1" << true;
-        QTest::newRow("overflow counts as 0") << "99999999999999999999" << "1" << true;
-        // clang-format on
-    }
-    void versionOrder()
-    {
-        QFETCH(QString, a);
-        QFETCH(QString, b);
-        QTEST(AppVersion::isOlder(a, b), "older");
-        QVERIFY(!AppVersion::isOlder(b, a));
-    }
+        for (const auto& [older, newer] : kVersionsInOrder)
+            QVERIFY2(AppVersion::isOlder(older, newer) && !AppVersion::isOlder(newer, older), older);
+        QVERIFY(!AppVersion::isOlder("1.2", "1.2.0") && !AppVersion::isOlder("1.2.0", "1.2")); // missing is 0
 
-    void manifestDecoding_data(); // outside: moc misreads its raw strings
-    void manifestDecoding()
-    {
-        QFETCH(QByteArray, json);
-        QFETCH(QString, linuxPackage);
-        QFETCH(QString, error);
-        try {
-            const UpdateManifest manifest = UpdateManifest::decode(json);
-            QVERIFY2(error.isEmpty(), "decoded a bad manifest");
-            QCOMPARE(manifest.latest, QStringLiteral("1.4.2"));
-            QCOMPARE(manifest.url, kPage);
-            QCOMPARE(manifest.linuxPackage.value_or(QUrl()), QUrl(linuxPackage));
-        } catch (const std::runtime_error& failure) {
-            QVERIFY2(!error.isEmpty() && QString::fromUtf8(failure.what()).contains(error), failure.what());
+        const UpdateManifest manifest = UpdateManifest::decode(kGoodManifest);
+        QCOMPARE(QStringList({manifest.latest, manifest.url.toString(), manifest.linuxPackage->toString()}),
+                 QStringList({"1.4.2", kPage.toString(), "https://s.example/s.deb"}));
+        for (const auto& [json, error] : kBadManifests) {
+            try {
+                UpdateManifest::decode(json);
+                QFAIL(json);
+            } catch (const std::runtime_error& failure) {
+                QVERIFY2(QString::fromUtf8(failure.what()).contains(error), failure.what());
+            }
         }
     }
 
@@ -125,16 +122,14 @@ class UpdatesTests : public QObject {
         QTest::addColumn<QString>("expectedLog");
         QTest::addColumn<QString>("stillOffered"); // the pending version after the second check, "" for none
         // The first check always offers 2.0.0; the second answers as below.
-        const QByteArray newer = manifest("3.0.0").body;
         // clang-format off
         QTest::newRow("newer") << manifest("3.0.0") << "" << "3.0.0";
         QTest::newRow("same as pending") << manifest("2.0.0") << "" << "2.0.0";
         QTest::newRow("same as running clears") << manifest("1.0.0") << "" << "";
         QTest::newRow("404 keeps") << Response{404, "gone"} << "^version check answered 404$" << "2.0.0";
         QTest::newRow("garbage keeps") << ok("\x01\x02 not json") << "^version check failed: .*is not JSON" << "2.0.0";
-        QTest::newRow("10 MB keeps") << ok(QByteArray(10 << 20, ' ') + newer) << "^version check failed: .*larger than 64 KiB" << "2.0.0";
+        QTest::newRow("10 MB keeps") << ok(QByteArray(10 << 20, ' ') + manifest("3.0.0").body) << "^version check failed: .*larger than 64 KiB" << "2.0.0";
         QTest::newRow("silent server keeps") << ok({}, Ending::silent) << "^version check failed: " << "2.0.0";
-        QTest::newRow("cut short keeps") << ok(newer, Ending::cutShort) << "^version check failed: " << "2.0.0";
         QTest::newRow("redirect to plain http elsewhere is refused") << LoopbackHttpServer::redirect(QUrl(QStringLiteral("http://updates.example/version.json"))) << "^version check failed: refused the redirect to http://updates.example/version.json$" << "2.0.0";
         // clang-format on
     }
@@ -146,7 +141,7 @@ class UpdatesTests : public QObject {
 
         World world;
         Updates::Dependencies deps =
-            world.dependencies(world.server.url(QStringLiteral("/first/")).toString());
+            world.dependencies(world.server.url("/first").toString().replace("127.0.0.1", "LocalHost"));
         // Short only where the wait is the point: a loaded machine may take a while to send 10 MB.
         deps.checkTimeout = answer.ending == Ending::silent ? 300ms : std::chrono::milliseconds(kWaitMs);
         Updates updates(deps);
@@ -161,55 +156,32 @@ class UpdatesTests : public QObject {
         QSignalSpy changed(&updates, &Updates::requiredChanged);
         if (!expectedLog.isEmpty()) QTest::ignoreMessage(QtWarningMsg, QRegularExpression(expectedLog));
         checkOnce(updates);
-        QCOMPARE(world.server.requests().last(), QStringLiteral("/second/version.json"));
         QCOMPARE(updates.required().value_or(UpdateManifest{}).latest, stillOffered);
         QCOMPARE(changed.count(), stillOffered == QLatin1String("2.0.0") ? 0 : 1);
     }
 
-    void addresses_data()
+    void onlyHttpsOrThisMachineIsAskedAndAgainLater()
     {
-        QTest::addColumn<QString>("base");
-        QTest::addColumn<bool>("fromEnvironment");
-        QTest::addColumn<bool>("fetches");
-        // clang-format off
-        QTest::newRow("no address") << "" << false << false;
-        QTest::newRow("plain http elsewhere") << "http://updates.example/" << false << false;
-        QTest::newRow("loopback, without trailing slash") << "http://127.0.0.1:PORT/site" << false << true;
-        QTest::newRow("localhost by name") << "http://LocalHost:PORT/site/" << false << true;
-        QTest::newRow("from the environment") << "http://127.0.0.1:PORT/site/" << true << true;
-        // clang-format on
-    }
-    void addresses()
-    {
-        QFETCH(QString, base);
-        QFETCH(bool, fromEnvironment);
-        QFETCH(bool, fetches);
-
         World world;
-        base.replace(QLatin1String("PORT"), QString::number(world.server.url().port()));
         world.server.serve("/site/version.json", manifest("2.0.0"));
-        if (!base.isEmpty() && !fetches)
-            QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^refusing the update"));
-        qputenv("SKELDRIN_UPDATE_URL", base.toUtf8());
-        auto updates = fromEnvironment ? std::make_unique<Updates>()
-                                       : std::make_unique<Updates>(world.dependencies(base));
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^refusing the update"));
+        for (const QString& base : {QString(), QStringLiteral("http://updates.example/")}) {
+            Updates updates(world.dependencies(base));
+            checkOnce(updates);
+            QVERIFY(!updates.required());
+        }
+        qputenv("SKELDRIN_UPDATE_URL", world.server.url("/site").toEncoded());
+        Updates fromEnvironment;
         qunsetenv("SKELDRIN_UPDATE_URL");
-        checkOnce(*updates);
-        QCOMPARE(world.server.requests(), fetches ? QStringList{"/site/version.json"} : QStringList{});
-        QCOMPARE(updates->required().has_value(), fetches);
-    }
+        checkOnce(fromEnvironment);
+        QVERIFY(fromEnvironment.required());
+        QCOMPARE(world.server.requests(), QStringList{"/site/version.json"});
 
-    void startChecksAtOnceAndAgain()
-    {
-        World world;
-        Updates::Dependencies deps = world.dependencies();
+        Updates::Dependencies deps = world.dependencies(world.server.url("/site").toString());
         deps.checkInterval = 50ms;
-        Updates updates(deps);
-        world.server.serve("/version.json", manifest("1.0.0"));
-        updates.start();
-        QTRY_VERIFY_WITH_TIMEOUT(world.server.requests().size() >= 1, kWaitMs);
-        world.server.serve("/version.json", manifest("2.0.0")); // a later round finds the release
-        QTRY_VERIFY_WITH_TIMEOUT(updates.required().has_value(), kWaitMs);
+        Updates periodic(deps);
+        periodic.start(); // at once, and again
+        QTRY_VERIFY_WITH_TIMEOUT(world.server.requests().size() >= 3, kWaitMs);
     }
 
     void installOpensThePackageOrElseThePage_data()
@@ -248,12 +220,10 @@ class UpdatesTests : public QObject {
         // An earlier download of the same name is replaced only by a whole one.
         const QString file = world.path("cache/updates/s.deb");
         QVERIFY(test::writeBytes(file, "earlier"));
-        QSignalSpy downloading(&updates, &Updates::downloadingChanged);
         if (!expectedLog.isEmpty()) QTest::ignoreMessage(QtWarningMsg, QRegularExpression(expectedLog));
         updates.install();
         if (updates.downloading()) updates.install(); // while downloading: nothing more
         QTRY_VERIFY_WITH_TIMEOUT(!updates.downloading(), kWaitMs);
-        QCOMPARE(downloading.count(), offersPackage ? 2 : 0);
         QCOMPARE(updates.awaitingInstall(), downloads);
         QCOMPARE(world.opened, QList<QUrl>{downloads ? QUrl::fromLocalFile(file) : kPage});
         QCOMPARE(test::readBytes(file), downloads ? answer.body : QByteArray("earlier"));
@@ -280,24 +250,6 @@ class UpdatesTests : public QObject {
         QCOMPARE(world.quits, launchError ? 0 : 1);
     }
 };
-
-void UpdatesTests::manifestDecoding_data()
-{
-    QTest::addColumn<QByteArray>("json");
-    QTest::addColumn<QString>("linuxPackage"); // when it decodes; "" for none
-    QTest::addColumn<QString>("error");        // when it does not
-    const QByteArray head = R"({"latest":"1.4.2","url":"https://s.example/S.dmg")";
-    // clang-format off
-    QTest::newRow("required keys only") << head + "}" << "" << "";
-    QTest::newRow("with a Linux package") << head + R"(,"linuxPackage":"https://s.example/s.deb","x":1})" << "https://s.example/s.deb" << "";
-    QTest::newRow("not JSON") << QByteArray("<html>") << "" << "is not JSON";
-    QTest::newRow("array") << QByteArray("[]") << "" << "is not a JSON object";
-    QTest::newRow("no latest") << QByteArray(R"({"url":"https://s.example/S.dmg"})") << "" << "has no \"latest\"";
-    QTest::newRow("numeric version") << QByteArray(R"({"latest":1.4,"url":"https://s.example/S.dmg"})") << "" << "\"latest\" that is not a text";
-    QTest::newRow("ftp url") << QByteArray(R"({"latest":"1.4.2","url":"ftp://s.example/S.dmg"})") << "" << "\"url\" that is not a web address";
-    QTest::newRow("file package") << head + R"(,"linuxPackage":"file:///etc/passwd"})" << "" << "\"linuxPackage\" that is not a web address";
-    // clang-format on
-}
 
 QTEST_GUILESS_MAIN(UpdatesTests)
 #include "UpdatesTests.moc"

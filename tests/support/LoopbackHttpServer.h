@@ -6,7 +6,6 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QUrl>
-#include <utility>
 
 namespace skeldrin::test {
 
@@ -16,16 +15,21 @@ class LoopbackHttpServer {
         enum class Ending { complete, silent, cutShort, stalled };
         int status = 200;
         QByteArray body = {};
-        QList<std::pair<QByteArray, QByteArray>> headers = {};
+        QByteArray location = {}; // where a redirect leads
         Ending ending = Ending::complete;
     };
 
-    static Response redirect(const QUrl& to) { return Response{302, {}, {{"Location", to.toEncoded()}}}; }
+    static Response redirect(const QUrl& to) { return Response{302, {}, to.toEncoded()}; }
 
     LoopbackHttpServer()
     {
         server_.listen(QHostAddress::LocalHost);
-        QObject::connect(&server_, &QTcpServer::newConnection, &server_, [this] { accept(); });
+        QObject::connect(&server_, &QTcpServer::newConnection, &server_, [this] {
+            while (QTcpSocket* socket = server_.nextPendingConnection()) {
+                QObject::connect(socket, &QTcpSocket::readyRead, socket, [this, socket] { read(socket); });
+                QObject::connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+            }
+        });
     }
 
     void serve(const QString& path, Response response) { routes_.insert(path, std::move(response)); }
@@ -37,14 +41,6 @@ class LoopbackHttpServer {
     const QStringList& requests() const { return requests_; }
 
   private:
-    void accept()
-    {
-        while (QTcpSocket* socket = server_.nextPendingConnection()) {
-            QObject::connect(socket, &QTcpSocket::readyRead, socket, [this, socket] { read(socket); });
-            QObject::connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
-        }
-    }
-
     void read(QTcpSocket* socket)
     {
         QByteArray head = socket->property("head").toByteArray() + socket->readAll();
@@ -64,8 +60,7 @@ class LoopbackHttpServer {
         const qsizetype promised = response.body.size() * (half ? 2 : 1);
         QByteArray out = "HTTP/1.1 " + QByteArray::number(response.status) + " Answer\r\n";
         out += "Content-Length: " + QByteArray::number(promised) + "\r\nConnection: close\r\n";
-        for (const auto& [name, value] : response.headers)
-            out += name + ": " + value + "\r\n";
+        if (!response.location.isEmpty()) out += "Location: " + response.location + "\r\n";
         out += "\r\n" + response.body;
         socket->write(out);
         if (response.ending != Response::Ending::stalled) socket->disconnectFromHost();
