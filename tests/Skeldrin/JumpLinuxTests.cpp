@@ -159,8 +159,7 @@ class JumpLinuxTests : public QObject {
     void konsoleIsAskedOverDBus()
     {
         if (QStandardPaths::findExecutable("dbus-daemon").isEmpty()) QSKIP("dbus-daemon is not installed");
-        const QString address = startAndReadFirstLine(background(environment()), "dbus-daemon",
-                                                      words("--session --nofork --print-address"));
+        const QString address = startSessionBus(background(environment()));
         QVERIFY(!address.isEmpty());
         QDBusConnection bus = QDBusConnection::connectToBus(address, "konsole-stand-in");
         KonsoleWindow window;
@@ -185,10 +184,9 @@ class JumpLinuxTests : public QObject {
         for (const QString tool : {"Xvfb", "openbox", "xterm", "xdotool", "tmux"})
             if (QStandardPaths::findExecutable(tool).isEmpty()) QSKIP(qPrintable(tool + " is not installed"));
         QProcessEnvironment env = environment();
-        const QString display = startAndReadFirstLine(
-            background(env), "Xvfb", words("-displayfd 1 -screen 0 1280x800x24 -nolisten tcp"));
+        const QString display = startXvfb(background(env));
         QVERIFY2(!display.isEmpty(), "Xvfb did not start");
-        env.insert("DISPLAY", ':' + display);
+        env.insert("DISPLAY", display);
         background(env, "openbox");
         const auto xdotool = [&](const QStringList& arguments) { return output("xdotool", arguments, env); };
         const auto activeTitle = [&] { return xdotool(words("getactivewindow getwindowname")); };

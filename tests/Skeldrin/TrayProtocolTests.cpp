@@ -55,10 +55,7 @@ class TrayProtocolTests : public QObject {
 
     void menuIsExportedAndShowWidgetFlips()
     {
-        const QString address =
-            startAndReadFirstLine(bus, "dbus-daemon", {"--session", "--nofork", "--print-address"});
-        const QString display =
-            startAndReadFirstLine(xserver, "Xvfb", {"-displayfd", "1", "-nolisten", "tcp"});
+        const QString address = startSessionBus(bus), display = startXvfb(xserver);
         if (address.isEmpty() || display.isEmpty())
             QSKIP("needs Xvfb and dbus-daemon (scripts/install-deps --test)");
         QDBusConnection panel = QDBusConnection::connectToBus(address, "panel");
@@ -75,7 +72,7 @@ class TrayProtocolTests : public QObject {
                  0);
         env.remove("QT_QPA_PLATFORM");
         env.remove("WAYLAND_DISPLAY");
-        env.insert("DISPLAY", ':' + display);
+        env.insert("DISPLAY", display);
         env.insert("DBUS_SESSION_BUS_ADDRESS", address);
         app.setProcessEnvironment(env);
         app.setProcessChannelMode(QProcess::ForwardedChannels);

@@ -89,5 +89,5 @@ SKELDRIN_FAILING(int, fsync, (int fd), (fd), true)
 SKELDRIN_FAILING(int, rename, (const char* from, const char* to), (from, to), true)
 SKELDRIN_FAILING(int, link, (const char* from, const char* to), (from, to), true)
 SKELDRIN_FAILING(int, unlink, (const char* path), (path), true)
-SKELDRIN_FAILING(int, flock, (int fd, int operation), (fd, operation), operation& LOCK_EX)
+SKELDRIN_FAILING(int, flock, (int fd, int operation), (fd, operation), (operation & LOCK_EX))
 }

@@ -75,6 +75,20 @@ inline QString startAndReadFirstLine(QProcess& process, const QString& program, 
     return QString::fromUtf8(process.readLine()).trimmed();
 }
 
+// A private session bus; its address, or empty.
+inline QString startSessionBus(QProcess& bus)
+{
+    return startAndReadFirstLine(bus, "dbus-daemon", {"--session", "--nofork", "--print-address"});
+}
+
+// An X server on a display it picks itself (-displayfd); the display name, or empty.
+inline QString startXvfb(QProcess& server)
+{
+    const QString number = startAndReadFirstLine(
+        server, "Xvfb", {"-displayfd", "1", "-screen", "0", "1280x800x24", "-nolisten", "tcp"});
+    return number.isEmpty() ? QString() : ':' + number;
+}
+
 inline void stopAll(std::initializer_list<QProcess*> processes)
 {
     for (QProcess* process : processes) {
